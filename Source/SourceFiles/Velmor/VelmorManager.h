@@ -1,0 +1,124 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "VelmorMIDIServices.h"
+#include "VelmorNotificationCenter.h"
+#include "VelmorRootObject.h"
+
+class VelmorAttributes;
+class VelmorClient;
+class VelmorEvent;
+class VelmorInputPort;
+class VelmorRemoteSource;
+
+// The application's delegate. Both operations are optional: a delegate says which it implements with
+// the two responds... answers, which the manager asks once, at setDelegate(), and never on the event
+// path.
+class VelmorManagerDelegate {
+public:
+    virtual ~VelmorManagerDelegate() = default;
+    virtual bool respondsToMidiSourceWillHandleEvent() const { return false; }
+    virtual bool respondsToMidiSourceDidHandleEvent() const { return false; }
+    virtual void midiSourceWillHandleEvent(const std::shared_ptr<VelmorRemoteSource>& source,
+                                           const std::shared_ptr<VelmorEvent>& event)
+    {
+        (void)source;
+        (void)event;
+    }
+    virtual void midiSourceDidHandleEvent(const std::shared_ptr<VelmorRemoteSource>& source,
+                                          const std::shared_ptr<VelmorEvent>& event)
+    {
+        (void)source;
+        (void)event;
+    }
+};
+
+inline constexpr std::string_view VelmorManager_SourcesWillChangeNotification = "VelmorManager_SourcesWillChange";
+inline constexpr std::string_view VelmorManager_SourcesDidChangeNotification = "VelmorManager_SourcesDidChange";
+inline constexpr std::string_view VelmorManager_DidAddSourceNotification = "VelmorManager_DidAddSource";
+inline constexpr std::string_view VelmorManager_WillRemoveSourceNotification = "VelmorManager_WillRemoveSource";
+inline constexpr std::string_view VelmorManager_DidRemoveSourceNotification = "VelmorManager_DidRemoveSource";
+inline constexpr std::string_view VelmorManager_OutputsWillChangeNotification = "VelmorManager_OutputsWillChange";
+inline constexpr std::string_view VelmorManager_OutputsDidChangeNotification = "VelmorManager_OutputsDidChange";
+inline constexpr std::string_view VelmorManager_DidAddOutputNotification = "VelmorManager_DidAddOutput";
+inline constexpr std::string_view VelmorManager_WillRemoveOutputNotification = "VelmorManager_WillRemoveOutput";
+inline constexpr std::string_view VelmorManager_DidRemoveOutputNotification = "VelmorManager_DidRemoveOutput";
+inline constexpr std::string_view VelmorManager_OutputPropertyChangedNotification =
+    "VelmorManager_OutputPropertyChanged";
+inline constexpr std::string_view VelmorManager_SourcePropertyChangedNotification =
+    "VelmorManager_SourcePropertyChanged";
+inline constexpr std::string_view VelmorManager_OutputKey = "VelmorManager_Output";
+inline constexpr std::string_view VelmorManager_SourceKey = "VelmorManager_Source";
+
+// The one object through which an application uses the framework. Made once per process by
+// sharedManager(); lives until the process ends.
+class VelmorManager : public VelmorRootObject {
+public:
+    struct DelegateFlags {
+        std::uint32_t midiSourceWillHandleEvent : 1;
+        std::uint32_t midiSourceDidHandleEvent : 1;
+        std::uint32_t unused : 30;
+    };
+
+    // The one manager, or null if its construction failed (then for the life of the process).
+    static std::shared_ptr<VelmorManager> sharedManager();
+
+    // Class-level strings. A null or empty argument is ignored. The three names reach the platform only
+    // if set before the first sharedManager().
+    static void setClientName(const std::optional<std::string>& name);
+    static void setInputPortName(const std::optional<std::string>& name);
+    static void setOutputPortName(const std::optional<std::string>& name);
+    static void setLocalOutputManufacturer(const std::optional<std::string>& manufacturer);
+    static void setLocalOutputModel(const std::optional<std::string>& model);
+
+    ~VelmorManager() override;
+    const char* className() const override { return "VelmorManager"; }
+    std::string description() const override;
+
+    // The current class-level strings, read at each call.
+    std::string clientName() const;
+    std::string localOutputManufacturer() const;
+    std::string localOutputModel() const;
+
+    // Around each delivery of an event to the consumers of a source.
+    void midiSourceWillSendEvent(const std::shared_ptr<VelmorRemoteSource>& source,
+                                 const std::shared_ptr<VelmorEvent>& event);
+    void midiSourceDidSendEvent(const std::shared_ptr<VelmorRemoteSource>& source,
+                                const std::shared_ptr<VelmorEvent>& event);
+
+    // Not owned: clear it before the delegate goes away.
+    std::shared_ptr<VelmorManagerDelegate> delegate() const { return delegate_.lock(); }
+    void setDelegate(const std::shared_ptr<VelmorManagerDelegate>& delegate);
+    DelegateFlags delegateFlags() const { return delegateFlags_; }
+
+    // Plain fields.
+    VelmorPlatform::MIDIPortRef outputPort() const { return outputPort_; }
+    void setOutputPort(VelmorPlatform::MIDIPortRef port) { outputPort_ = port; }
+    std::shared_ptr<VelmorClient> client() const { return client_; }
+    void setClient(std::shared_ptr<VelmorClient> client) { client_ = std::move(client); }
+    std::shared_ptr<VelmorInputPort> inputPort() const { return inputPort_; }
+    void setInputPort(std::shared_ptr<VelmorInputPort> port) { inputPort_ = std::move(port); }
+
+    // --- Source discovery -------------------------------------------------------------------------
+    // (filled in with the receiving work)
+
+    // --- Output discovery -------------------------------------------------------------------------
+    // (filled in with the sending work)
+
+protected:
+    VelmorManager() = default;
+    bool construct();
+
+private:
+    DelegateFlags delegateFlags_ {0, 0, 0};
+    VelmorPlatform::MIDIPortRef outputPort_ = 0;
+    std::weak_ptr<VelmorManagerDelegate> delegate_;
+    std::shared_ptr<VelmorClient> client_;
+    std::shared_ptr<VelmorInputPort> inputPort_;
+};
