@@ -98,8 +98,6 @@ TEST(LocalOutputTest, ConstructionFailuresWriteTheirLineAndLeaveNoEndpoint)
         {"empty name", [] {}, named(""), {"[VelmorLocalOutput.cpp] attributes.name.length failed"}},
         {"service refuses", [] { service().failNextCalls("MIDISourceCreate", kMIDIInvalidClient); }, named("A"),
          {"[VelmorLocalOutput.cpp] noErr == status failed with -10830"}},
-        {"no endpoint", [] { service().failNextCalls("MIDISourceCreate", noErr); }, named("A"),
-         {"[VelmorLocalOutput.cpp] sourceEndpoint != 0 failed"}},
         // The endpoint exists by then; it must not stay behind as a dead source.
         {"name unreadable", [] { service().failNextCalls("MIDIObjectGetStringProperty", kMIDIUnknownProperty); },
          named("A"), {"[VelmorObject.cpp] noErr == status failed with -10835"}},
@@ -116,6 +114,62 @@ TEST(LocalOutputTest, ConstructionFailuresWriteTheirLineAndLeaveNoEndpoint)
         settle();
         EXPECT_EQ(MIDIGetNumberOfSources(), sourcesBefore) << c.what;
     }
+}
+
+namespace {
+
+// A service that says yes to MIDISourceCreate and makes nothing, as no fault of the in-process service
+// can; every other call goes to the in-process service.
+class ServiceWithoutSourceEndpoints : public VelmorMIDIService {
+public:
+    std::shared_ptr<VelmorInProcessMIDIService> inner = VelmorInProcessMIDIService::create();
+    const char* serviceName() const override { return "without source endpoints"; }
+    OSStatus sourceCreate(MIDIClientRef, std::string_view, MIDIEndpointRef*) override { return noErr; }
+
+    OSStatus clientCreate(std::string_view n, MIDINotifyProc p, void* r, MIDIClientRef* c) override { return inner->clientCreate(n, p, r, c); }
+    OSStatus clientDispose(MIDIClientRef c) override { return inner->clientDispose(c); }
+    OSStatus inputPortCreate(MIDIClientRef c, std::string_view n, MIDIReadProc p, void* r, MIDIPortRef* o) override
+    {
+        return inner->inputPortCreate(c, n, p, r, o);
+    }
+    OSStatus outputPortCreate(MIDIClientRef c, std::string_view n, MIDIPortRef* o) override { return inner->outputPortCreate(c, n, o); }
+    OSStatus portConnectSource(MIDIPortRef p, MIDIEndpointRef s, void* r) override { return inner->portConnectSource(p, s, r); }
+    OSStatus portDisconnectSource(MIDIPortRef p, MIDIEndpointRef s) override { return inner->portDisconnectSource(p, s); }
+    OSStatus portDispose(MIDIPortRef p) override { return inner->portDispose(p); }
+    OSStatus endpointDispose(MIDIEndpointRef e) override { return inner->endpointDispose(e); }
+    OSStatus received(MIDIEndpointRef s, const MIDIPacketList* l) override { return inner->received(s, l); }
+    OSStatus send(MIDIPortRef p, MIDIEndpointRef d, const MIDIPacketList* l) override { return inner->send(p, d, l); }
+    ItemCount numberOfSources() override { return inner->numberOfSources(); }
+    MIDIEndpointRef source(ItemCount i) override { return inner->source(i); }
+    ItemCount numberOfDestinations() override { return inner->numberOfDestinations(); }
+    MIDIEndpointRef destination(ItemCount i) override { return inner->destination(i); }
+    ItemCount deviceNumberOfEntities(MIDIDeviceRef d) override { return inner->deviceNumberOfEntities(d); }
+    MIDIEntityRef deviceEntity(MIDIDeviceRef d, ItemCount i) override { return inner->deviceEntity(d, i); }
+    ItemCount entityNumberOfSources(MIDIEntityRef e) override { return inner->entityNumberOfSources(e); }
+    MIDIEndpointRef entitySource(MIDIEntityRef e, ItemCount i) override { return inner->entitySource(e, i); }
+    ItemCount entityNumberOfDestinations(MIDIEntityRef e) override { return inner->entityNumberOfDestinations(e); }
+    MIDIEndpointRef entityDestination(MIDIEntityRef e, ItemCount i) override { return inner->entityDestination(e, i); }
+    OSStatus endpointGetEntity(MIDIEndpointRef e, MIDIEntityRef* o) override { return inner->endpointGetEntity(e, o); }
+    OSStatus getStringProperty(MIDIObjectRef o, std::string_view p, std::optional<std::string>* v) override
+    {
+        return inner->getStringProperty(o, p, v);
+    }
+    OSStatus setStringProperty(MIDIObjectRef o, std::string_view p, std::string_view v) override { return inner->setStringProperty(o, p, v); }
+    OSStatus getIntegerProperty(MIDIObjectRef o, std::string_view p, std::int32_t* v) override { return inner->getIntegerProperty(o, p, v); }
+    OSStatus setIntegerProperty(MIDIObjectRef o, std::string_view p, std::int32_t v) override { return inner->setIntegerProperty(o, p, v); }
+};
+
+} // namespace
+
+TEST(LocalOutputTest, ASuccessWithoutAnEndpointIsAFailure)
+{
+    setCurrentService(std::make_shared<ServiceWithoutSourceEndpoints>());
+    CapturedLines lines;
+    const auto manager = VelmorManager::sharedManager();
+    ASSERT_NE(manager, nullptr);
+    EXPECT_EQ(manager->openVirtualOutputWithAttributes(attributesWith("A", "a")), nullptr);
+    EXPECT_EQ(lines.messages(), std::vector<std::string> {"[VelmorLocalOutput.cpp] sourceEndpoint != 0 failed"});
+    EXPECT_TRUE(manager->localOutputs().empty());
 }
 
 TEST(LocalOutputTest, AnswersWhatItWasOpenedWithAndAnnouncesIt)
