@@ -565,9 +565,25 @@ TEST(SendTest, SeveralThreadsSendWhileTheMainThreadOpensAndClosesOtherOutputs)
     const auto remote = remoteOutputFor(device.destination);
     ASSERT_NE(remote, nullptr);
 
+    // One more output, which the main thread closes while its thread sends on it.
+    auto doomed = manager->openVirtualOutputWithAttributes(VelmorAttributes::defaultAttributesWithNameIdentifier("Doomed", "doomed"));
+    ASSERT_NE(doomed, nullptr);
+    SourceReader doomedReader(doomed->object());
+
     std::atomic<bool> go {false};
+    std::atomic<bool> stop {false};
     std::atomic<int> finished {0};
+    std::atomic<int> doomedSent {0};
     std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        while (!go.load())
+            std::this_thread::yield();
+        for (int n = 0; !stop.load(); ++n) {
+            doomed->sendEvent(VelmorEvent::controlChangeEventWithControllerValueChannelTimeOffset(
+                std::uint64_t(n % 128), std::uint64_t((n / 128) % 128), 1, 0));
+            doomedSent.store(n + 1);
+        }
+    });
     for (int i = 0; i < senders; ++i) {
         threads.emplace_back([&, i] {
             while (!go.load())
@@ -592,11 +608,27 @@ TEST(SendTest, SeveralThreadsSendWhileTheMainThreadOpensAndClosesOtherOutputs)
         ASSERT_NE(churn, nullptr);
         churn->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(1, 1, 1, 0));
         manager->closeVirtualOutput(churn);
+        if (cycles == 5) {
+            ASSERT_TRUE(doomedReader.waitForBytes(300));
+            manager->closeVirtualOutput(doomed);
+        }
         VelmorMainQueue::mainQueue().runPending();
         ++cycles;
     }
+    stop.store(true);
     for (auto& thread : threads)
         thread.join();
+
+    // What reached the reader arrived whole and in order (the service drops what it had not yet
+    // delivered when the endpoint goes).
+    service().waitUntilIdle();
+    const auto doomedPackets = doomedReader.packets();
+    EXPECT_GE(doomedPackets.size(), 100u);
+    EXPECT_LE(doomedPackets.size(), std::size_t(doomedSent.load()));
+    for (std::size_t n = 0; n < doomedPackets.size(); ++n) {
+        const Bytes expected {0xB0, std::uint8_t(n % 128), std::uint8_t((n / 128) % 128)};
+        ASSERT_EQ(doomedPackets[n].bytes, expected) << n;
+    }
 
     for (int i = 0; i < senders; ++i) {
         ASSERT_TRUE(readers[i]->waitForBytes(3 * eventsPerSender)) << i;

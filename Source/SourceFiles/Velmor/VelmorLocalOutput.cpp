@@ -64,6 +64,7 @@ bool VelmorLocalOutput::constructWithClientAttributes(const std::shared_ptr<Velm
     setManufacturer(attributes->manufacturer());
     setModel(attributes->model());
 
+    sendingEndpoint_.store(sourceEndpoint, std::memory_order_release);
     VELMOR_LINE("Created MIDI Output: " + textOrNull(name()) + " ( " + textOrNull(manufacturer()) + " / " +
                 textOrNull(model()) + " )");
     return true;
@@ -102,6 +103,7 @@ void VelmorLocalOutput::closeObject()
 {
     VELMOR_LINE("Closing MIDI Output: " + textOrNull(name()) + " ( " + textOrNull(manufacturer()) + " / " +
                 textOrNull(model()) + " )");
+    sendingEndpoint_.store(0, std::memory_order_release);
     if (const MIDIEndpointRef endpoint = object(); endpoint != 0) {
         const OSStatus status = MIDIEndpointDispose(endpoint);
         if (status != noErr)
@@ -138,7 +140,8 @@ void VelmorLocalOutput::sendEvent(const std::shared_ptr<VelmorEvent>& event)
 {
     if (!event)
         return;
-    const MIDIEndpointRef endpoint = object();
+    // Not object(): the main thread may be closing the output right now.
+    const MIDIEndpointRef endpoint = sendingEndpoint_.load(std::memory_order_acquire);
     if (endpoint == 0)
         return;
     const VelmorData image = packetListImageForEvent(event);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -26,6 +27,9 @@ inline constexpr std::string_view VelmorLocalOutputPropertyChangedNotification =
 //
 // Name, manufacturer and model can be changed only on an output that has an identifier: an output
 // opened without one keeps the name it was created with and never gets a manufacturer or a model.
+//
+// sendEvent may run on any thread, also while the main thread closes the output: an event sent while
+// it closes either goes out or is dropped.
 //
 // Property changes: the MIDI system reports a change of the output's own endpoint with the type of a
 // source (a virtual output is a source to everyone else), the external bit cleared. Such a change posts
@@ -69,4 +73,8 @@ protected:
 
 private:
     bool hasIdentifier() const;
+
+    // The endpoint as the sending threads see it: set once the output is open, 0 from the start of
+    // closing. object() is the main thread's; this copy lets closeObject run while another thread sends.
+    std::atomic<VelmorPlatform::MIDIEndpointRef> sendingEndpoint_ {0};
 };
