@@ -4,6 +4,13 @@
 
 #include "VelmorValue.h"
 
+namespace {
+
+// Objects are made in one allocation with their control block; the constructor stays protected.
+struct MadePacketList final : VelmorPacketList {};
+
+} // namespace
+
 std::shared_ptr<VelmorPacketList> VelmorPacketList::packetListWithMIDIPacketList(const VelmorPlatform::MIDIPacketList* packetList)
 {
     return initWithMIDIPacketList(packetList);
@@ -11,25 +18,27 @@ std::shared_ptr<VelmorPacketList> VelmorPacketList::packetListWithMIDIPacketList
 
 std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithMIDIPacketList(const VelmorPlatform::MIDIPacketList* packetList)
 {
-    Packets packets;
-    if (packetList) {
-        const auto* image = reinterpret_cast<const std::uint8_t*>(packetList);
-        std::uint32_t count = 0;
-        std::memcpy(&count, image, sizeof count);
-        const std::uint8_t* position = image + 4;
-        for (std::uint32_t i = 0; i < count; ++i) {
-            Packets cut = VelmorPacket::packetsWithMIDIPacket(reinterpret_cast<const VelmorPlatform::MIDIPacket*>(position));
-            packets.insert(packets.end(), std::make_move_iterator(cut.begin()), std::make_move_iterator(cut.end()));
-            const std::size_t length = std::size_t(position[8]) | std::size_t(position[9]) << 8;
-            position += 10 + length;
-        }
+    std::shared_ptr<VelmorPacketList> list = initWithPackets(Packets {});
+    if (!packetList)
+        return list;
+    const auto* image = reinterpret_cast<const std::uint8_t*>(packetList);
+    std::uint32_t count = 0;
+    std::memcpy(&count, image, sizeof count);
+    const std::uint8_t* position = image + 4;
+    // Joining depends on nothing but the last packet, so appending the pieces of each platform packet
+    // as it is cut joins exactly as one pass over all of them would, and lets each piece go as soon
+    // as it is joined.
+    for (std::uint32_t i = 0; i < count; ++i) {
+        list->appendPackets(VelmorPacket::packetsWithMIDIPacket(reinterpret_cast<const VelmorPlatform::MIDIPacket*>(position)));
+        const std::size_t length = std::size_t(position[8]) | std::size_t(position[9]) << 8;
+        position += 10 + length;
     }
-    return initWithPackets(std::move(packets));
+    return list;
 }
 
 std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithPackets(std::optional<Packets> packets)
 {
-    std::shared_ptr<VelmorPacketList> list(new VelmorPacketList());
+    std::shared_ptr<VelmorPacketList> list = std::make_shared<MadePacketList>();
     if (!list->constructWithPackets(packets))
         return nullptr;
     return list;
