@@ -123,6 +123,9 @@ TEST(PacketPartial, TrueExactlyWhenTheDataEndsInsideAMessage)
         {{0xF7}, false},
         {{0x01, 0x02}, false},
         {{0xF3, 0x01}, false},
+        {{0xF3}, true},
+        {{0xF1, 0x01, 0xF3}, true},
+        {{0x01, 0x80, 0x3C}, true},
         {{0xF2, 0x01, 0x02}, false},
         {{0xF1, 0x10, 0x90, 0x3C, 0x40}, false},
         {{0xF1, 0x10, 0x90, 0x3C}, true},
@@ -138,6 +141,19 @@ TEST(PacketPartial, TrueExactlyWhenTheDataEndsInsideAMessage)
         const auto packet = packetOf(c.bytes);
         ASSERT_NE(packet, nullptr);
         EXPECT_EQ(packet->partial(), c.partial) << VelmorData(c.bytes).description();
+    }
+}
+
+TEST(PacketPartial, FindsAStatusByteBehindARunOfDataBytesOfAnyLength)
+{
+    for (std::size_t run = 0; run < 40; ++run) {
+        for (const Bytes& tail : {Bytes {0x90, 0x3C}, Bytes {0xF0, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08}}) {
+            Bytes bytes(run, 0x01);
+            bytes.insert(bytes.end(), tail.begin(), tail.end());
+            EXPECT_TRUE(packetOf(bytes)->partial()) << "run " << run << ": " << VelmorData(bytes).description();
+            bytes.push_back(tail.front() == 0xF0 ? 0xF7 : 0x40);
+            EXPECT_FALSE(packetOf(bytes)->partial()) << "run " << run << ": " << VelmorData(bytes).description();
+        }
     }
 }
 
@@ -302,37 +318,40 @@ TEST(PacketListReading, AnExclusiveMessageOverManyPlatformPacketsBecomesOnePacke
     EXPECT_EQ(bytesOf(packets[1]->data()), (Bytes {0x90, 0x3C, 0x40}));
 }
 
-TEST(PacketListReading, JoinedPacketsAgreeWithAFreshWalkOfTheirBytes)
+TEST(PacketListReading, ReadingAnImageAgreesWithCuttingAndAppendingStepByStep)
 {
-    // Random bytes in random platform packets: a joined packet resumes the walk of its first part, and
-    // must judge `partial` as a packet that walks the same bytes from the start.
+    // Random bytes in random platform packets. Reading the image must give what cutting each platform
+    // packet and appending the pieces to a list gives, and a joined packet, which resumes the walk of
+    // its first part, must judge `partial` as a packet that walks the same bytes from the start.
     std::mt19937 random(20240611);
     const Bytes alphabet = {0x00, 0x40, 0x7F, 0x80, 0x90, 0xB0, 0xC0, 0xD0, 0xE0, 0xF0, 0xF1, 0xF2, 0xF3, 0xF7, 0xF8, 0xFF};
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 400; ++round) {
         std::vector<PlatformPacket> platform;
         const int count = 1 + int(random() % 8);
         for (int i = 0; i < count; ++i) {
-            Bytes bytes(1 + random() % 6);
+            Bytes bytes(random() % 7);
             for (auto& byte : bytes)
                 byte = random() % 3 == 0 ? alphabet[random() % alphabet.size()] : std::uint8_t(random() % 0x80);
-            platform.push_back({std::uint64_t(i), bytes});
+            platform.push_back({std::uint64_t(random() % 10), bytes});
         }
-        Bytes all;
-        for (const auto& p : platform)
-            all.insert(all.end(), p.bytes.begin(), p.bytes.end());
-        Bytes joined;
+        const auto stepByStep = VelmorPacketList::init();
+        for (const auto& p : platform) {
+            const Bytes image = VelmorTest::packetImage(p);
+            stepByStep->appendPackets(VelmorPacket::packetsWithMIDIPacket(VelmorTest::asPacket(image)));
+        }
+        const auto expected = stepByStep->packets();
         const auto packets = listOf(platform)->packets();
+        ASSERT_EQ(packets.size(), expected.size()) << "round " << round;
         for (std::size_t i = 0; i < packets.size(); ++i) {
-            const auto fresh = packetOf(bytesOf(packets[i]->data()));
-            ASSERT_EQ(packets[i]->partial(), fresh->partial()) << "round " << round << ": " << packets[i]->description();
+            EXPECT_EQ(packets[i]->description(), expected[i]->description()) << "round " << round << " #" << i;
+            EXPECT_EQ(packets[i]->partial(), expected[i]->partial()) << "round " << round << " #" << i;
+            EXPECT_EQ(packets[i]->partial(), packetOf(bytesOf(packets[i]->data()))->partial()) << "round " << round;
+            EXPECT_EQ(expected[i]->partial(), packetOf(bytesOf(expected[i]->data()))->partial()) << "round " << round;
             // Only the last packet of a list may stay partial.
             if (i + 1 < packets.size()) {
                 EXPECT_FALSE(packets[i]->partial()) << "round " << round;
             }
-            const Bytes bytes = bytesOf(packets[i]->data());
-            joined.insert(joined.end(), bytes.begin(), bytes.end());
         }
-        EXPECT_EQ(joined, all) << "round " << round;
     }
 }
 

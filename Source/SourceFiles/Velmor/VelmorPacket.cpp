@@ -107,12 +107,17 @@ std::vector<std::shared_ptr<VelmorPacket>> VelmorPacket::packetsWithMIDIPacket(c
     const std::uint8_t* position = image + packetHeaderSize;
     const std::uint8_t* const end = position + length;
     while (position < end) {
-        // A message cut short by the end of the platform packet becomes a short packet.
-        const std::size_t messageLength = std::min(cutLength(position, end), static_cast<std::size_t>(end - position));
+        const std::size_t messageLength = cutLengthAt(position, end);
         packets.push_back(initWithTimeOffsetTimeStampData(0, timeStamp, VelmorData(position, messageLength)));
         position += messageLength;
     }
     return packets;
+}
+
+std::size_t VelmorPacket::cutLengthAt(const std::uint8_t* position, const std::uint8_t* end)
+{
+    // A message cut short by the end of the platform packet becomes a short packet.
+    return std::min(cutLength(position, end), static_cast<std::size_t>(end - position));
 }
 
 std::shared_ptr<VelmorPacket> VelmorPacket::initWithTimeOffsetTimeStampData(std::uint64_t timeOffset, std::uint64_t timeStamp,
@@ -200,6 +205,14 @@ std::shared_ptr<VelmorPacket> VelmorPacket::packetByAppendingPacket(const std::s
                                                       data_.byAppending(packet->data_)))
         return nullptr;
     return joined;
+}
+
+void VelmorPacket::joinInPlace(const std::uint8_t* bytes, std::size_t length, std::uint64_t timeStamp)
+{
+    data_ = data_.byAppending(bytes, length);
+    timeStamp_ = std::max(timeStamp_, timeStamp);
+    source_ = nullptr;
+    walk();
 }
 
 std::uint64_t VelmorPacket::imageTimeStampWithStartTime(std::uint64_t startTime) const

@@ -86,6 +86,11 @@ private:
     std::size_t platformPacketsByteSize() const;
     // Writes those platform packets at `out` and returns the position behind them.
     std::uint8_t* writePlatformPackets(std::uint8_t* out, std::uint64_t startTime) const;
+    // The length of the message to cut at `position`, at most up to `end`.
+    static std::size_t cutLengthAt(const std::uint8_t* position, const std::uint8_t* end);
+    // What packetByAppendingPacket gives for a piece of these bytes and time stamp, made in this packet
+    // itself. Only for a packet that nobody else can see yet.
+    void joinInPlace(const std::uint8_t* bytes, std::size_t length, std::uint64_t timeStamp);
 
     // Where the message-by-message walk of `partial` stands at the end of the data. A joined packet
     // starts from the receiver's state and walks only the appended bytes, which keeps the joining of a

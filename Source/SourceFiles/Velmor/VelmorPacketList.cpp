@@ -21,17 +21,31 @@ std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithMIDIPacketList(const
     std::shared_ptr<VelmorPacketList> list = initWithPackets(Packets {});
     if (!packetList)
         return list;
+    Packets& packets = list->mutablePackets_;
     const auto* image = reinterpret_cast<const std::uint8_t*>(packetList);
     std::uint32_t count = 0;
     std::memcpy(&count, image, sizeof count);
     const std::uint8_t* position = image + 4;
-    // Joining depends on nothing but the last packet, so appending the pieces of each platform packet
-    // as it is cut joins exactly as one pass over all of them would, and lets each piece go as soon
-    // as it is joined.
     for (std::uint32_t i = 0; i < count; ++i) {
-        list->appendPackets(VelmorPacket::packetsWithMIDIPacket(reinterpret_cast<const VelmorPlatform::MIDIPacket*>(position)));
+        std::uint64_t timeStamp = 0;
+        for (std::size_t b = 8; b > 0; --b)
+            timeStamp = (timeStamp << 8) | position[b - 1];
         const std::size_t length = std::size_t(position[8]) | std::size_t(position[9]) << 8;
-        position += 10 + length;
+        const std::uint8_t* message = position + 10;
+        const std::uint8_t* const end = message + length;
+        // Cutting every platform packet (packetsWithMIDIPacket) and appending the pieces in one pass,
+        // done piece by piece. The list is not handed out yet and every packet in it was made here, so
+        // a piece that joins the partial last packet can grow that packet in place: nobody can tell it
+        // from the new joined packet, and a long exclusive message costs no more than its bytes.
+        while (message < end) {
+            const std::size_t messageLength = VelmorPacket::cutLengthAt(message, end);
+            if (!packets.empty() && packets.back()->partial())
+                packets.back()->joinInPlace(message, messageLength, timeStamp);
+            else
+                packets.push_back(VelmorPacket::initWithTimeOffsetTimeStampData(0, timeStamp, VelmorData(message, messageLength)));
+            message += messageLength;
+        }
+        position = end;
     }
     return list;
 }
