@@ -47,6 +47,9 @@ std::size_t minimumLengthForType(std::uint64_t type)
     }
 }
 
+// Objects are made in one allocation with their control block; the constructor stays protected.
+struct MadeEvent final : VelmorEvent {};
+
 } // namespace
 
 std::shared_ptr<VelmorEvent> VelmorEvent::eventWithPacket(const std::shared_ptr<VelmorPacket>& packet)
@@ -65,7 +68,7 @@ std::shared_ptr<VelmorEvent> VelmorEvent::initWithDataSourceTimeStampTimeOffset(
                                                                                 const std::shared_ptr<VelmorRemoteSource>& source,
                                                                                 std::uint64_t timeStamp, std::uint64_t timeOffset)
 {
-    std::shared_ptr<VelmorEvent> event(new VelmorEvent());
+    std::shared_ptr<VelmorEvent> event = std::make_shared<MadeEvent>();
     if (!event->constructWithDataSourceTimeStampTimeOffset(data, source, timeStamp, timeOffset))
         return nullptr;
     return event;
