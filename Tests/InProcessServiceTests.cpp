@@ -448,8 +448,9 @@ TEST_F(ServiceTest, NoReadProcedureRunsAfterDisconnectReturns)
             service->injectBytes(device.source, clock);
     });
     int delivered = 0;
+    std::vector<std::unique_ptr<Listener>> ended;  // kept, so that a late call finds alive == false
     for (int round = 0; round < 300; ++round) {
-        auto listener = std::make_unique<Listener>();
+        auto& listener = ended.emplace_back(std::make_unique<Listener>());
         ASSERT_EQ(noErr, service->portConnectSource(port, device.source, listener.get()));
         while (listener->calls.load() == 0 && round % 2 == 0)
             std::this_thread::yield();
