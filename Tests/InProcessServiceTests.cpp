@@ -436,8 +436,11 @@ TEST_F(ServiceTest, NoReadProcedureRunsAfterDisconnectReturns)
     std::atomic<bool> stop {false};
     std::thread injector([&] {
         const std::uint8_t clock[] = {0xF8};
-        while (!stop)
+        for (int i = 1; !stop; ++i) {
             service->injectBytes(device.source, clock);
+            if (i % 64 == 0)
+                service->waitUntilIdle();  // keep the backlog short: the point is overlap, not volume
+        }
     });
     int delivered = 0;
     std::vector<std::unique_ptr<Listener>> ended;  // kept, so that a late call finds alive == false
@@ -476,7 +479,9 @@ TEST_F(ServiceTest, RemovingASourceWhileItFlowsEndsItsConnections)
         std::atomic<bool> stop {false};
         std::thread injector([&] {
             const std::uint8_t clock[] = {0xF8};
-            while (!stop && service->injectBytes(device.source, clock) == noErr) {
+            for (int i = 1; !stop && service->injectBytes(device.source, clock) == noErr; ++i) {
+                if (i % 64 == 0)
+                    service->waitUntilIdle();
             }
         });
         while (listener->calls.load() < 3)
@@ -505,9 +510,11 @@ TEST_F(ServiceTest, ClientDisposeEndsItsCallbacksFromAnyThread)
         std::atomic<bool> stop {false};
         std::thread churn([&] {
             const auto image = makeImage({{0, {0xFE}}});
-            while (!stop) {
+            for (int i = 1; !stop; ++i) {
                 service->createDevice("churn");  // notifications
                 service->received(source, reinterpret_cast<const MIDIPacketList*>(image.data()));
+                if (i % 64 == 0)
+                    service->waitUntilIdle();
             }
         });
         std::this_thread::sleep_for(std::chrono::microseconds(200));
