@@ -33,15 +33,21 @@ TEST(ClientTest, RefusesWithoutNameOrWhenTheServiceFails)
     EXPECT_EQ(service().callCount("MIDIClientCreate"), 0u);
     EXPECT_TRUE(lines.messages().empty());
 
+    service().resetCallCounts();
     service().failNextCalls("MIDIClientCreate", kMIDIInvalidClient);
     EXPECT_EQ(VelmorClient::initWithName("Tests"), nullptr);
+    // A failed client is disposed of too, with reference 0.
+    EXPECT_EQ(service().callCount("MIDIClientDispose"), 1u);
+
     // Status 0 without a reference.
-    service().failNextCalls("MIDIClientCreate", noErr);
+    class NoReferenceService : public ForwardingService {
+        OSStatus clientCreate(std::string_view, MIDINotifyProc, void*, MIDIClientRef*) override { return noErr; }
+    };
+    auto previous = setCurrentService(std::make_shared<NoReferenceService>());
     EXPECT_EQ(VelmorClient::initWithName("Tests"), nullptr);
+    setCurrentService(previous);
     EXPECT_EQ(lines.messages(), (std::vector<std::string>{"VelmorClient.cpp: noErr == status failed with -10830",
                                                           "VelmorClient.cpp: clientRef failed"}));
-    // A failed client is disposed of too, with reference 0.
-    EXPECT_EQ(service().callCount("MIDIClientDispose"), 2u);
 }
 
 TEST(ClientTest, ConnectsAndDisconnects)

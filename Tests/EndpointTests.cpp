@@ -20,39 +20,12 @@ namespace {
 constexpr std::string_view identifierProperty = "com_brightmarrow_Velmor_EndpointIdentifier";
 
 // The in-process service, except that every read of the identifier property fails.
-class IdentifierFaultService : public VelmorMIDIService {
+class IdentifierFaultService : public ForwardingService {
 public:
-    std::shared_ptr<VelmorInProcessMIDIService> inner = VelmorInProcessMIDIService::sharedService();
-    const char* serviceName() const override { return "identifier fault"; }
     OSStatus getStringProperty(MIDIObjectRef o, std::string_view p, std::optional<std::string>* s) override
     {
         return p == identifierProperty ? kMIDIUnknownProperty : inner->getStringProperty(o, p, s);
     }
-    OSStatus clientCreate(std::string_view n, MIDINotifyProc f, void* c, MIDIClientRef* r) override { return inner->clientCreate(n, f, c, r); }
-    OSStatus clientDispose(MIDIClientRef c) override { return inner->clientDispose(c); }
-    OSStatus inputPortCreate(MIDIClientRef c, std::string_view n, MIDIReadProc f, void* x, MIDIPortRef* r) override { return inner->inputPortCreate(c, n, f, x, r); }
-    OSStatus outputPortCreate(MIDIClientRef c, std::string_view n, MIDIPortRef* r) override { return inner->outputPortCreate(c, n, r); }
-    OSStatus portConnectSource(MIDIPortRef p, MIDIEndpointRef e, void* x) override { return inner->portConnectSource(p, e, x); }
-    OSStatus portDisconnectSource(MIDIPortRef p, MIDIEndpointRef e) override { return inner->portDisconnectSource(p, e); }
-    OSStatus portDispose(MIDIPortRef p) override { return inner->portDispose(p); }
-    OSStatus sourceCreate(MIDIClientRef c, std::string_view n, MIDIEndpointRef* r) override { return inner->sourceCreate(c, n, r); }
-    OSStatus endpointDispose(MIDIEndpointRef e) override { return inner->endpointDispose(e); }
-    OSStatus received(MIDIEndpointRef e, const MIDIPacketList* l) override { return inner->received(e, l); }
-    OSStatus send(MIDIPortRef p, MIDIEndpointRef e, const MIDIPacketList* l) override { return inner->send(p, e, l); }
-    ItemCount numberOfSources() override { return inner->numberOfSources(); }
-    MIDIEndpointRef source(ItemCount i) override { return inner->source(i); }
-    ItemCount numberOfDestinations() override { return inner->numberOfDestinations(); }
-    MIDIEndpointRef destination(ItemCount i) override { return inner->destination(i); }
-    ItemCount deviceNumberOfEntities(MIDIDeviceRef d) override { return inner->deviceNumberOfEntities(d); }
-    MIDIEntityRef deviceEntity(MIDIDeviceRef d, ItemCount i) override { return inner->deviceEntity(d, i); }
-    ItemCount entityNumberOfSources(MIDIEntityRef e) override { return inner->entityNumberOfSources(e); }
-    MIDIEndpointRef entitySource(MIDIEntityRef e, ItemCount i) override { return inner->entitySource(e, i); }
-    ItemCount entityNumberOfDestinations(MIDIEntityRef e) override { return inner->entityNumberOfDestinations(e); }
-    MIDIEndpointRef entityDestination(MIDIEntityRef e, ItemCount i) override { return inner->entityDestination(e, i); }
-    OSStatus endpointGetEntity(MIDIEndpointRef e, MIDIEntityRef* r) override { return inner->endpointGetEntity(e, r); }
-    OSStatus setStringProperty(MIDIObjectRef o, std::string_view p, std::string_view v) override { return inner->setStringProperty(o, p, v); }
-    OSStatus getIntegerProperty(MIDIObjectRef o, std::string_view p, std::int32_t* v) override { return inner->getIntegerProperty(o, p, v); }
-    OSStatus setIntegerProperty(MIDIObjectRef o, std::string_view p, std::int32_t v) override { return inner->setIntegerProperty(o, p, v); }
 };
 
 struct Device {
@@ -150,6 +123,7 @@ TEST(EndpointTest, SettersWriteOnlyRealValuesOnOpenEndpointsAndLeaveTheCaches)
     }
     EXPECT_EQ(service().callCount("MIDIObjectSetStringProperty"), 0u);
 
+    EXPECT_EQ(e.manufacturer(), "Acme");
     e.setManufacturer("Maker");
     e.setModel("M2");
     e.setIdentifier("id-2");
@@ -265,9 +239,11 @@ TEST(EndpointTest, ReportsChangesOfItsOwnEntityOnly)
     MIDIObjectSetStringProperty(d.refs.device, kMIDIPropertyName, "Device");
     MIDIObjectSetStringProperty(d.refs.source, kMIDIPropertyManufacturer, "Self");
     deliverPending();
-    EXPECT_TRUE(recorder.notifications.empty());
+    EXPECT_EQ(recorder.count(VelmorEndpointPropertyChangedNotification, d.endpoint.get()), 0u);
+    EXPECT_EQ(recorder.count(VelmorEndpointPropertyChangedNotification, other.endpoint.get()), 1u);
+    recorder.notifications.clear();
 
-    // The endpoint's own rename: only the object's notification.
+    // The endpoint's own rename: only the object's notification. Its entity's: the endpoint's, after.
     MIDIObjectSetStringProperty(d.refs.source, kMIDIPropertyName, "Renamed");
     MIDIObjectSetStringProperty(d.refs.entity, "anything", "x");
     deliverPending();

@@ -187,6 +187,7 @@ TEST(ObjectTest, FollowsReportedChangesOfItsOwnNameAndUniqueID)
 
     // A wrapper that is gone has left the center; later changes reach nobody.
     const VelmorObject* address = w.object.get();
+    recorder.notifications.clear();
     w.object.reset();
     EXPECT_EQ(VelmorNotificationCenter::defaultCenter().registrationCount(address), 0u);
     MIDIObjectSetStringProperty(w.ref, kMIDIPropertyName, "Fourth");
