@@ -174,7 +174,12 @@ public:
     std::function<void(const VelmorNotification&)> onNotification;
 };
 
-// The manager notifications of source discovery.
+// The manager notifications of a discovery pass, and all of its source notifications.
+inline const std::vector<std::string_view> kPassNotifications = {
+    VelmorManager_SourcesWillChangeNotification, VelmorManager_DidAddSourceNotification,
+    VelmorManager_WillRemoveSourceNotification,  VelmorManager_DidRemoveSourceNotification,
+    VelmorManager_SourcesDidChangeNotification,
+};
 inline const std::vector<std::string_view> kSourceNotifications = {
     VelmorManager_SourcesWillChangeNotification,    VelmorManager_DidAddSourceNotification,
     VelmorManager_WillRemoveSourceNotification,     VelmorManager_DidRemoveSourceNotification,

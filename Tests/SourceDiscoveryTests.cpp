@@ -82,7 +82,7 @@ TEST(SourceDiscovery, GroupsAreNumberedInListOrderAsSourcesComeAndGo)
     EXPECT_EQ(namesAndIndices(first), (std::vector<std::string> {"Twin:1", "Solo:0", "Twin:2"}));
     EXPECT_EQ(first[0]->object(), c);
 
-    NotificationRecorder recorder(kSourceNotifications);
+    NotificationRecorder recorder(kPassNotifications);  // making a source sets its properties too
     std::vector<std::string> seenAtDidAdd;
     recorder.onNotification = [&](const VelmorNotification& notification) {
         if (notification.name == VelmorManager_DidAddSourceNotification)
@@ -119,7 +119,7 @@ TEST(SourceDiscovery, OnePassWithAnAdditionAndARemovalPostsInOrder)
     auto listener = std::make_shared<RecordingConsumer>("listener", nullptr);
     oldSource->addConsumer(listener);
 
-    NotificationRecorder recorder(kSourceNotifications);
+    NotificationRecorder recorder(kPassNotifications);  // making a source sets its properties too
     std::vector<std::string> states;
     recorder.onNotification = [&](const VelmorNotification& notification) {
         const bool listed = !manager->sources().empty() && manager->sources().front() == oldSource;
@@ -152,7 +152,7 @@ TEST(SourceDiscovery, ASilentPassChangesTheSameAndAnUnchangedPlatformChangesNoth
     auto b = makeSource("B");
     settle();
     const Sources before = manager->sources();
-    NotificationRecorder recorder(kSourceNotifications);
+    NotificationRecorder recorder(kPassNotifications);  // making a source sets its properties too
     EXPECT_FALSE(manager->findSourcesWithNotifications(true));
 
     // Changes the manager has not heard of yet, picked up by a pass without notifications.
@@ -170,7 +170,7 @@ TEST(SourceDiscovery, ExternalSourcesCountAndSourcesThatCannotBeMadeAreTriedAgai
 {
     auto manager = startedManager();
     manager->sources();
-    NotificationRecorder recorder(kSourceNotifications);
+    NotificationRecorder recorder(kPassNotifications);  // making a source sets its properties too
     CapturedLines lines;
     service().failNextCalls("MIDIObjectGetStringProperty", VelmorPlatform::kMIDIUnknownProperty);
     makeSource("Far", "Acme", "K1", true);
