@@ -8,7 +8,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <shared_mutex>
+#include <shared_mutex>  // std::shared_lock
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -436,6 +436,62 @@ private:
     std::thread::id threadId_;            // set before any work is queued
 };
 
+// --- The graph's lock ------------------------------------------------------------------------------------
+
+// A reader-writer lock that lets a waiting writer in before new readers. Injection from several threads
+// can hold a plain shared lock without a gap, and a disconnect must not starve behind it. Readers pay
+// one compare-and-swap each way; only a waiting side takes the inner mutex.
+class GraphMutex {
+public:
+    void lock_shared()
+    {
+        auto state = state_.load(std::memory_order_relaxed);
+        for (;;) {
+            if (state & writerBit) {
+                std::unique_lock<std::mutex> lock(mutex_);
+                changed_.wait(lock, [this] { return !(state_.load(std::memory_order_relaxed) & writerBit); });
+                state = state_.load(std::memory_order_relaxed);
+                continue;
+            }
+            if (state_.compare_exchange_weak(state, state + 1, std::memory_order_acquire, std::memory_order_relaxed))
+                return;
+        }
+    }
+    void unlock_shared()
+    {
+        // The last reader out tells a waiting writer.
+        if (state_.fetch_sub(1, std::memory_order_release) - 1 == writerBit) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            changed_.notify_all();
+        }
+    }
+    void lock()
+    {
+        writers_.lock();
+        state_.fetch_or(writerBit, std::memory_order_acquire);
+        if (state_.load(std::memory_order_acquire) != writerBit) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return state_.load(std::memory_order_acquire) == writerBit; });
+        }
+    }
+    void unlock()
+    {
+        state_.fetch_and(~writerBit, std::memory_order_release);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            changed_.notify_all();
+        }
+        writers_.unlock();
+    }
+
+private:
+    static constexpr std::uint32_t writerBit = 0x80000000u;
+    std::atomic<std::uint32_t> state_ {0};  // readers inside, and the bit of a writer waiting or inside
+    std::mutex writers_;                    // one writer at a time
+    std::mutex mutex_;                      // for waiting only
+    std::condition_variable changed_;
+};
+
 // --- The object graph ------------------------------------------------------------------------------------
 
 struct Object {
@@ -485,7 +541,7 @@ void eraseValue(std::vector<T>& values, const T& value)
 struct VelmorInProcessMIDIService::State {
     std::shared_ptr<Dispatcher> dispatcher = std::make_shared<Dispatcher>();
 
-    mutable std::shared_mutex mutex;  // the graph below; reads come on every decoded event
+    mutable GraphMutex mutex;  // the graph below; reads come on every decoded event
     std::unordered_map<MIDIObjectRef, Object> objects;
     std::vector<MIDIEndpointRef> sourceList;       // in the order of creation
     std::vector<MIDIEndpointRef> destinationList;
