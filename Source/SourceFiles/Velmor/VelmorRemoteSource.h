@@ -102,9 +102,8 @@ public:
     // "Name ( Manufacturer Model )" and its variants; "Device ID#uniqueID" without any of the three.
     std::string descriptiveString() const override;
     // The endpoint's attributes with this source's index. A new value at each call; decoding asks for it
-    // once per event. The endpoint's fields are read once and kept until the system reports a change of
-    // this source's properties: a change reaches the main thread in order with the packets, so an event
-    // carries the fields as they stood when its bytes arrived.
+    // once per event, so the endpoint's fields are read once and kept until the system reports a change
+    // of this source's properties (which reaches the main thread in order with the packets).
     std::shared_ptr<VelmorAttributes> attributes() const override;
     // The endpoint's test, then the index if VelmorAttributesOptionIndex is set: 0 and 1 match each other.
     bool matchesAttributesOptions(const std::shared_ptr<VelmorAttributes>& attributes,
