@@ -72,7 +72,11 @@ void VelmorMainQueue::runFor(std::chrono::nanoseconds duration)
 
 bool VelmorMainQueue::runUntil(const std::function<bool()>& condition, std::chrono::nanoseconds timeout)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // A long timeout means "forever"; adding it to now must not overflow.
+    const auto now = std::chrono::steady_clock::now();
+    const auto deadline = timeout >= std::chrono::steady_clock::time_point::max() - now
+                              ? std::chrono::steady_clock::time_point::max()
+                              : now + std::chrono::duration_cast<std::chrono::steady_clock::duration>(timeout);
     for (;;) {
         if (condition())
             return true;
