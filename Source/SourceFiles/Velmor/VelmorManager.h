@@ -68,6 +68,9 @@ public:
 
     // The one manager, or null if its construction failed (then for the life of the process).
     static std::shared_ptr<VelmorManager> sharedManager();
+    // A new manager: client, input port, output port, observers. sharedManager() is the way in; a second
+    // manager would compete with the first for the platform's messages.
+    static std::shared_ptr<VelmorManager> init();
 
     // Class-level strings. A null or empty argument is ignored. The three names reach the platform only
     // if set before the first sharedManager().
@@ -106,10 +109,41 @@ public:
     void setInputPort(std::shared_ptr<VelmorInputPort> port) { inputPort_ = std::move(port); }
 
     // --- Source discovery -------------------------------------------------------------------------
-    // (filled in with the receiving work)
+    // Main thread only.
+
+    // A snapshot of the sources. The first call builds the list, without notifications; until then the
+    // manager knows no source and ignores the platform's messages about sources.
+    std::vector<std::shared_ptr<VelmorRemoteSource>> sources();
+    // The first source that the attributes name: an equal identifier wins at once; otherwise name,
+    // manufacturer and model must agree where the attributes have them, and the index too (0 and 1
+    // alike). Null when nothing matches or before the first sources().
+    std::shared_ptr<VelmorRemoteSource> sourceWithAttributes(const std::shared_ptr<VelmorAttributes>& attributes) const;
+    // One discovery pass over the platform's sources. True when the list changed.
+    bool findSourcesWithNotifications(bool postNotifications);
+    // The listed sources whose name, manufacturer and model equal the source's, in list order.
+    std::vector<std::shared_ptr<VelmorRemoteSource>> sourcesIdenticalToSource(
+        const std::shared_ptr<VelmorRemoteSource>& source) const;
+    // Numbers a group: 0 for a lone source, else 1, 2, ... in array order.
+    void adjustIndiciesOfSources(const std::vector<std::shared_ptr<VelmorRemoteSource>>& sources);
+    // Observer of the client's added and removed notifications: runs the pass of the child's type.
+    void objectAddedRemoved(const VelmorNotification& notification);
+    // Observer of the endpoints' property notifications: passes a change of a listed endpoint on.
+    void endpointPropertyChanged(const VelmorNotification& notification);
+
+    // Null until the first sources().
+    const std::optional<std::vector<std::shared_ptr<VelmorRemoteSource>>>& mutableSources() const
+    {
+        return mutableSources_;
+    }
+    void setMutableSources(std::optional<std::vector<std::shared_ptr<VelmorRemoteSource>>> sources)
+    {
+        mutableSources_ = std::move(sources);
+    }
 
     // --- Output discovery -------------------------------------------------------------------------
-    // (filled in with the sending work)
+    // (filled in with the sending work: the two output lists go between delegate_ and inputPort_ in
+    // declaration order, and flushManager() ends with willBeRemoved() on each source and a null
+    // mutableSources_.)
 
 protected:
     VelmorManager() = default;
@@ -120,5 +154,6 @@ private:
     VelmorPlatform::MIDIPortRef outputPort_ = 0;
     std::weak_ptr<VelmorManagerDelegate> delegate_;
     std::shared_ptr<VelmorClient> client_;
+    std::optional<std::vector<std::shared_ptr<VelmorRemoteSource>>> mutableSources_;
     std::shared_ptr<VelmorInputPort> inputPort_;
 };

@@ -1,0 +1,362 @@
+#include "VelmorManager.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "VelmorAttributes.h"
+#include "VelmorClient.h"
+#include "VelmorEndpoint.h"
+#include "VelmorFailure.h"
+#include "VelmorInputPort.h"
+#include "VelmorOnce.h"
+#include "VelmorRemoteSource.h"
+
+namespace {
+
+// The property notification of virtual outputs, observed from the start; the output classes come with
+// their own constant of this value.
+constexpr std::string_view kLocalOutputPropertyChangedNotification = "VelmorLocalOutputPropertyChanged";
+
+// The five class-level strings. They outlive every manager; a mutex keeps a writer on one thread from
+// racing a reader on another.
+struct ClassStrings {
+    std::mutex mutex;
+    std::string clientName = "Velmor Client";
+    std::string inputPortName = "Velmor Input";
+    std::string outputPortName = "Velmor Output";
+    std::string localOutputManufacturer = "Brightmarrow";
+    std::string localOutputModel = "Velmor";
+};
+
+ClassStrings& classStrings()
+{
+    static ClassStrings* strings = new ClassStrings;  // never destroyed: read until the process ends
+    return *strings;
+}
+
+void setClassString(std::string ClassStrings::*field, const std::optional<std::string>& value)
+{
+    if (!value || value->empty())
+        return;
+    auto& strings = classStrings();
+    std::lock_guard<std::mutex> lock(strings.mutex);
+    strings.*field = *value;
+}
+
+std::string classString(std::string ClassStrings::*field)
+{
+    auto& strings = classStrings();
+    std::lock_guard<std::mutex> lock(strings.mutex);
+    return strings.*field;
+}
+
+VelmorOnceToken sSharedVelmorManagerOnce;
+std::shared_ptr<VelmorManager> sSharedVelmorManager;
+
+bool sameObject(const std::shared_ptr<VelmorRemoteSource>& a, const std::shared_ptr<VelmorRemoteSource>& b)
+{
+    return a.get() == b.get();
+}
+
+bool equalStrings(const std::optional<std::string>& a, const std::optional<std::string>& b)
+{
+    return a && b && *a == *b;
+}
+
+} // namespace
+
+// --- Lifecycle ------------------------------------------------------------------------------------
+
+std::shared_ptr<VelmorManager> VelmorManager::sharedManager()
+{
+    // Spent even when init() fails: a failed start is not tried again.
+    VelmorOnce(sSharedVelmorManagerOnce, [] { sSharedVelmorManager = VelmorManager::init(); });
+    return sSharedVelmorManager;
+}
+
+std::shared_ptr<VelmorManager> VelmorManager::init()
+{
+    std::shared_ptr<VelmorManager> manager(new VelmorManager());
+    if (!manager->construct())
+        return nullptr;
+    return manager;
+}
+
+bool VelmorManager::construct()
+{
+    auto client = VelmorClient::initWithName(classString(&ClassStrings::clientName));
+    if (!client) {
+        VELMOR_FAILED("client != nil");
+        return false;
+    }
+    auto port = VelmorInputPort::initWithClientNameReadProc(client, classString(&ClassStrings::inputPortName), nullptr);
+    if (!port) {
+        VELMOR_FAILED("inputPort != nil");
+        return false;  // the client goes with this scope, which disposes of the platform client
+    }
+    VelmorPlatform::MIDIPortRef output = 0;
+    // The status is not examined: without an output port the manager runs, and each remote output
+    // fails on its own.
+    VelmorPlatform::MIDIOutputPortCreate(client->client(), classString(&ClassStrings::outputPortName), &output);
+    outputPort_ = output;
+    client_ = std::move(client);
+    inputPort_ = std::move(port);
+
+    auto self = std::static_pointer_cast<VelmorManager>(shared_from_this());
+    auto& center = VelmorNotificationCenter::defaultCenter();
+    center.addObserver(self, &VelmorManager::objectAddedRemoved, VelmorClient_ObjectAddedNotification);
+    center.addObserver(self, &VelmorManager::objectAddedRemoved, VelmorClient_ObjectRemovedNotification);
+    center.addObserver(self, &VelmorManager::endpointPropertyChanged, VelmorEndpointPropertyChangedNotification);
+    center.addObserver(self, &VelmorManager::endpointPropertyChanged, VelmorRemoteSourcePropertyChangedNotification);
+    center.addObserver(self, &VelmorManager::endpointPropertyChanged, kLocalOutputPropertyChangedNotification);
+    // setDelegate() refreshes delegateFlags_ from here on; both start cleared.
+    delegate_.reset();
+    delegateFlags_ = DelegateFlags {0, 0, 0};
+    return true;
+}
+
+VelmorManager::~VelmorManager()
+{
+    VelmorNotificationCenter::defaultCenter().removeObserver(this);
+    // The input port before the client, whose teardown disposes of the platform client; the output
+    // lists go between the port and the sources.
+    inputPort_.reset();
+    mutableSources_.reset();
+    client_.reset();
+}
+
+std::string VelmorManager::description() const
+{
+    return "VelmorManager: " + rootDescription();
+}
+
+// --- Class-level strings --------------------------------------------------------------------------
+
+void VelmorManager::setClientName(const std::optional<std::string>& name)
+{
+    setClassString(&ClassStrings::clientName, name);
+}
+
+void VelmorManager::setInputPortName(const std::optional<std::string>& name)
+{
+    setClassString(&ClassStrings::inputPortName, name);
+}
+
+void VelmorManager::setOutputPortName(const std::optional<std::string>& name)
+{
+    setClassString(&ClassStrings::outputPortName, name);
+}
+
+void VelmorManager::setLocalOutputManufacturer(const std::optional<std::string>& manufacturer)
+{
+    setClassString(&ClassStrings::localOutputManufacturer, manufacturer);
+}
+
+void VelmorManager::setLocalOutputModel(const std::optional<std::string>& model)
+{
+    setClassString(&ClassStrings::localOutputModel, model);
+}
+
+std::string VelmorManager::clientName() const
+{
+    return classString(&ClassStrings::clientName);
+}
+
+std::string VelmorManager::localOutputManufacturer() const
+{
+    return classString(&ClassStrings::localOutputManufacturer);
+}
+
+std::string VelmorManager::localOutputModel() const
+{
+    return classString(&ClassStrings::localOutputModel);
+}
+
+// --- Delegate -------------------------------------------------------------------------------------
+
+void VelmorManager::setDelegate(const std::shared_ptr<VelmorManagerDelegate>& delegate)
+{
+    delegate_ = delegate;
+    // Asked once here; the event path only tests the bits.
+    delegateFlags_.midiSourceWillHandleEvent = delegate && delegate->respondsToMidiSourceWillHandleEvent() ? 1 : 0;
+    delegateFlags_.midiSourceDidHandleEvent = delegate && delegate->respondsToMidiSourceDidHandleEvent() ? 1 : 0;
+}
+
+void VelmorManager::midiSourceWillSendEvent(const std::shared_ptr<VelmorRemoteSource>& source,
+                                            const std::shared_ptr<VelmorEvent>& event)
+{
+    if (!delegateFlags_.midiSourceWillHandleEvent)
+        return;
+    if (auto delegate = delegate_.lock())
+        delegate->midiSourceWillHandleEvent(source, event);
+}
+
+void VelmorManager::midiSourceDidSendEvent(const std::shared_ptr<VelmorRemoteSource>& source,
+                                           const std::shared_ptr<VelmorEvent>& event)
+{
+    if (!delegateFlags_.midiSourceDidHandleEvent)
+        return;
+    if (auto delegate = delegate_.lock())
+        delegate->midiSourceDidHandleEvent(source, event);
+}
+
+// --- Source discovery -----------------------------------------------------------------------------
+
+std::vector<std::shared_ptr<VelmorRemoteSource>> VelmorManager::sources()
+{
+    if (!mutableSources_) {
+        mutableSources_.emplace();
+        findSourcesWithNotifications(false);
+    }
+    return *mutableSources_;
+}
+
+bool VelmorManager::findSourcesWithNotifications(bool postNotifications)
+{
+    if (!mutableSources_)
+        return false;
+    std::vector<std::shared_ptr<VelmorRemoteSource>> added;
+    std::vector<std::shared_ptr<VelmorRemoteSource>> gone = *mutableSources_;
+
+    const VelmorPlatform::ItemCount count = VelmorPlatform::MIDIGetNumberOfSources();
+    for (VelmorPlatform::ItemCount position = count; position-- > 0;) {
+        const VelmorPlatform::MIDIEndpointRef endpoint = VelmorPlatform::MIDIGetSource(position);
+        const auto& list = *mutableSources_;
+        auto found = std::find_if(list.begin(), list.end(), [endpoint](const std::shared_ptr<VelmorRemoteSource>& source) {
+            return source->object() == endpoint;
+        });
+        if (found != list.end()) {
+            auto inGone = std::find_if(gone.begin(), gone.end(),
+                                       [&](const std::shared_ptr<VelmorRemoteSource>& source) { return sameObject(source, *found); });
+            if (inGone != gone.end())
+                gone.erase(inGone);
+            continue;
+        }
+        // A source that can't be made now is tried again at the next pass.
+        if (auto source = VelmorRemoteSource::initWithEndpointRefRequestedUniqueID(endpoint, std::nullopt))
+            added.push_back(std::move(source));
+    }
+    if (added.empty() && gone.empty())
+        return false;
+
+    auto self = shared_from_this();
+    auto& center = VelmorNotificationCenter::defaultCenter();
+    if (postNotifications)
+        center.postNotificationName(VelmorManager_SourcesWillChangeNotification, self);
+    for (const auto& source : added) {
+        if (mutableSources_)
+            mutableSources_->push_back(source);
+        adjustIndiciesOfSources(sourcesIdenticalToSource(source));
+        if (postNotifications)
+            center.postNotificationName(VelmorManager_DidAddSourceNotification, source);
+    }
+    for (const auto& source : gone) {
+        if (postNotifications)
+            center.postNotificationName(VelmorManager_WillRemoveSourceNotification, source);
+        source->willBeRemoved();
+        if (mutableSources_) {
+            std::erase_if(*mutableSources_,
+                          [&](const std::shared_ptr<VelmorRemoteSource>& member) { return sameObject(member, source); });
+        }
+        adjustIndiciesOfSources(sourcesIdenticalToSource(source));
+        if (postNotifications)
+            center.postNotificationName(VelmorManager_DidRemoveSourceNotification, source);
+    }
+    if (postNotifications)
+        center.postNotificationName(VelmorManager_SourcesDidChangeNotification, self);
+    return true;
+}
+
+std::vector<std::shared_ptr<VelmorRemoteSource>> VelmorManager::sourcesIdenticalToSource(
+    const std::shared_ptr<VelmorRemoteSource>& source) const
+{
+    std::vector<std::shared_ptr<VelmorRemoteSource>> group;
+    if (!source || !mutableSources_)
+        return group;
+    const auto name = source->name();
+    const auto manufacturer = source->manufacturer();
+    const auto model = source->model();
+    for (const auto& member : *mutableSources_) {
+        if (equalStrings(member->name(), name) && equalStrings(member->manufacturer(), manufacturer) &&
+            equalStrings(member->model(), model))
+            group.push_back(member);
+    }
+    return group;
+}
+
+void VelmorManager::adjustIndiciesOfSources(const std::vector<std::shared_ptr<VelmorRemoteSource>>& sources)
+{
+    std::uint64_t index = sources.size() == 1 ? 0 : 1;
+    for (const auto& source : sources) {
+        if (source)
+            source->setIndex(index);
+        ++index;
+    }
+}
+
+std::shared_ptr<VelmorRemoteSource> VelmorManager::sourceWithAttributes(
+    const std::shared_ptr<VelmorAttributes>& attributes) const
+{
+    if (!attributes || !mutableSources_)
+        return nullptr;
+    const auto identifier = attributes->identifier();
+    const auto name = attributes->name();
+    const auto model = attributes->model();
+    const auto manufacturer = attributes->manufacturer();
+    const std::uint64_t index = attributes->index();
+
+    // A null attribute is a wildcard; an identifier that matches nothing leaves the others to decide.
+    auto differs = [](const std::optional<std::string>& wanted, const std::optional<std::string>& actual) {
+        return wanted && (!actual || *wanted != *actual);
+    };
+    std::shared_ptr<VelmorRemoteSource> firstCandidate;
+    for (const auto& source : *mutableSources_) {
+        if (identifier) {
+            const auto sourceIdentifier = source->identifier();
+            if (sourceIdentifier && *sourceIdentifier == *identifier)
+                return source;
+        }
+        if (differs(name, source->name()) || differs(manufacturer, source->manufacturer()) ||
+            differs(model, source->model()))
+            continue;
+        const std::uint64_t sourceIndex = source->index();
+        if (sourceIndex != index && (sourceIndex > 1 || index > 1))
+            continue;
+        if (!firstCandidate)
+            firstCandidate = source;
+    }
+    return firstCandidate;
+}
+
+void VelmorManager::objectAddedRemoved(const VelmorNotification& notification)
+{
+    std::int32_t childType = 0;
+    if (notification.userInfo) {
+        if (const VelmorValue* value = notification.userInfo->objectForKey(VelmorChildTypeKey))
+            childType = static_cast<std::int32_t>(value->int64Value().value_or(0));
+    }
+    childType &= ~VelmorPlatform::kMIDIObjectType_ExternalMask;
+    if (childType == VelmorPlatform::kMIDIObjectType_Source)
+        findSourcesWithNotifications(true);
+    // Destinations (type 3) run the pass of the remote outputs, which comes with the sending work.
+}
+
+void VelmorManager::endpointPropertyChanged(const VelmorNotification& notification)
+{
+    const VelmorRootObject* object = notification.object.get();
+    if (!object)
+        return;
+    // The two output tests (local, then remote list) come first, with the sending work.
+    if (mutableSources_) {
+        const bool listed = std::any_of(mutableSources_->begin(), mutableSources_->end(),
+                                        [object](const std::shared_ptr<VelmorRemoteSource>& source) {
+                                            return static_cast<const VelmorRootObject*>(source.get()) == object;
+                                        });
+        if (listed) {
+            VelmorDictionary userInfo;
+            userInfo.setObjectForKey(VelmorValue(notification.object), VelmorManager_SourceKey);
+            VelmorNotificationCenter::defaultCenter().postNotificationName(VelmorManager_SourcePropertyChangedNotification,
+                                                                           shared_from_this(), std::move(userInfo));
+        }
+    }
+}
