@@ -16,10 +16,10 @@
 #include "VelmorRemoteSource.h"
 
 using namespace VelmorPlatform;
-using VelmorTest::CapturedLines;
-using VelmorTest::NotificationRecorder;
-using VelmorTest::service;
-using VelmorTest::settle;
+using VelmorSendTest::CapturedLines;
+using VelmorSendTest::NotificationRecorder;
+using VelmorSendTest::service;
+using VelmorSendTest::settle;
 using Names = std::vector<std::string>;
 
 namespace {
@@ -214,7 +214,7 @@ TEST(VirtualOutputTest, OpeningPostsNothingAndClosingPostsOnce)
     for (const auto& name : recorder.names())
         EXPECT_EQ(name, n(VelmorManager_OutputPropertyChangedNotification));
     EXPECT_EQ(manager->localOutputs(), (std::vector<std::shared_ptr<VelmorLocalOutput>> {first, second}));
-    EXPECT_EQ(lines.messages(), (Names {
+    EXPECT_EQ(lines.lines(), (Names {
                                     "[VelmorLocalOutput.cpp] Created MIDI Output: One ( Brightmarrow / Velmor )",
                                     "[VelmorLocalOutput.cpp] Created MIDI Output: Two ( Brightmarrow / Velmor )",
                                     "[VelmorLocalOutput.cpp] attributes.name.length failed",
@@ -366,7 +366,7 @@ TEST(RemoteOutputDiscoveryTest, WithoutAnOutputPortThereAreNoRemoteOutputs)
     ASSERT_NE(manager, nullptr);
     EXPECT_EQ(manager->outputPort(), 0u);
     EXPECT_TRUE(manager->remoteOutputs().empty());
-    EXPECT_EQ(lines.messages(), (Names {"[VelmorRemoteOutput.cpp] outputPort failed", "[VelmorRemoteOutput.cpp] outputPort failed"}));
+    EXPECT_EQ(lines.lines(), (Names {"[VelmorRemoteOutput.cpp] outputPort failed", "[VelmorRemoteOutput.cpp] outputPort failed"}));
     // Each pass tries again; virtual outputs work as ever.
     EXPECT_FALSE(manager->findRemoteOutputsWithNotifications(true));
     EXPECT_EQ(lines.lines().size(), 4u);
@@ -458,7 +458,7 @@ TEST(FlushTest, OutputsAndSourcesAtOnce)
     manager->flushManager();
     EXPECT_EQ(recorder.names(), (Names {n(VelmorManager_OutputsDidChangeNotification), n(VelmorManager_OutputsDidChangeNotification)}));
     // The virtual outputs close first; their sources go with the other sources after them.
-    EXPECT_EQ(lines.messages(), (Names {
+    EXPECT_EQ(lines.lines(), (Names {
                                     "[VelmorLocalOutput.cpp] Closing MIDI Output: One ( Brightmarrow / Velmor )",
                                     "[VelmorLocalOutput.cpp] Closing MIDI Output: Two ( Brightmarrow / Velmor )",
                                     "[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K )",

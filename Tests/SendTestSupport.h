@@ -15,14 +15,14 @@
 #include <string_view>
 #include <vector>
 
-#include "TestSupport.h"
+#include "VelmorFailure.h"
 #include "VelmorHostClock.h"
 #include "VelmorInProcessMIDIService.h"
 #include "VelmorMainQueue.h"
 #include "VelmorMIDIServices.h"
 #include "VelmorNotificationCenter.h"
 
-namespace VelmorTest {
+namespace VelmorSendTest {
 
 inline VelmorPlatform::VelmorInProcessMIDIService& service()
 {
@@ -36,6 +36,71 @@ inline void settle()
         service().waitUntilIdle();
         VelmorMainQueue::mainQueue().runPending();
     }
+}
+
+// Failure lines while alive, each as "[File.cpp] message", without date, time and line number.
+class CapturedLines {
+public:
+    CapturedLines()
+    {
+        VelmorSetLineSink([this](const std::string& line) {
+            const auto open = line.find(" [");
+            const auto colon = line.find(':', open);
+            const auto close = line.find("] ", colon);
+            std::string message = line.substr(close + 2);
+            if (!message.empty() && message.back() == '\n')
+                message.pop_back();
+            std::lock_guard lock(mutex_);
+            lines_.push_back(line.substr(open + 1, colon - open - 1) + "] " + message);
+        });
+    }
+    ~CapturedLines() { VelmorSetLineSink(nullptr); }
+    CapturedLines(const CapturedLines&) = delete;
+    CapturedLines& operator=(const CapturedLines&) = delete;
+
+    std::vector<std::string> lines() const
+    {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+// One platform packet of a list image.
+struct PlatformPacket {
+    std::uint64_t timeStamp;
+    std::vector<std::uint8_t> bytes;
+};
+
+// Reads a platform packet list image back into its packets; false when the image is malformed or its
+// count disagrees with its bytes.
+inline bool readPacketListImage(const std::uint8_t* image, std::size_t size, std::vector<PlatformPacket>& packets)
+{
+    packets.clear();
+    if (size < 4)
+        return false;
+    auto read = [&](std::size_t at, int bytes) {
+        std::uint64_t value = 0;
+        for (int i = bytes - 1; i >= 0; --i)
+            value = (value << 8) | image[at + i];
+        return value;
+    };
+    const std::uint64_t count = read(0, 4);
+    std::size_t position = 4;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        if (position + 10 > size)
+            return false;
+        const std::uint64_t timeStamp = read(position, 8);
+        const std::size_t length = read(position + 8, 2);
+        if (position + 10 + length > size)
+            return false;
+        packets.push_back({timeStamp, std::vector<std::uint8_t>(image + position + 10, image + position + 10 + length)});
+        position += 10 + length;
+    }
+    return position == size;
 }
 
 // One packet as a reader saw it.
@@ -156,4 +221,4 @@ inline std::uint64_t hostTimeAfter(std::uint64_t hostTime, std::uint64_t millise
     return AudioConvertNanosToHostTime(AudioConvertHostTimeToNanos(hostTime) + milliseconds * 1000000);
 }
 
-} // namespace VelmorTest
+} // namespace VelmorSendTest

@@ -18,11 +18,11 @@
 #include "VelmorRemoteOutput.h"
 
 using namespace VelmorPlatform;
-using VelmorTest::CapturedLines;
-using VelmorTest::NotificationRecorder;
-using VelmorTest::SourceReader;
-using VelmorTest::service;
-using VelmorTest::settle;
+using VelmorSendTest::CapturedLines;
+using VelmorSendTest::NotificationRecorder;
+using VelmorSendTest::SourceReader;
+using VelmorSendTest::service;
+using VelmorSendTest::settle;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
@@ -109,7 +109,7 @@ TEST(LocalOutputTest, ConstructionFailuresWriteTheirLineAndLeaveNoEndpoint)
         EXPECT_EQ(c.make(), nullptr) << c.what;
         service().failNextCalls("MIDISourceCreate", noErr, 0);
         service().failNextCalls("MIDIObjectGetStringProperty", noErr, 0);
-        EXPECT_EQ(lines.messages(), c.lines) << c.what;
+        EXPECT_EQ(lines.lines(), c.lines) << c.what;
         settle();
         EXPECT_EQ(MIDIGetNumberOfSources(), sourcesBefore) << c.what;
     }
@@ -167,7 +167,7 @@ TEST(LocalOutputTest, ASuccessWithoutAnEndpointIsAFailure)
     const auto manager = VelmorManager::sharedManager();
     ASSERT_NE(manager, nullptr);
     EXPECT_EQ(manager->openVirtualOutputWithAttributes(attributesWith("A", "a")), nullptr);
-    EXPECT_EQ(lines.messages(), std::vector<std::string> {"[VelmorLocalOutput.cpp] sourceEndpoint != 0 failed"});
+    EXPECT_EQ(lines.lines(), std::vector<std::string> {"[VelmorLocalOutput.cpp] sourceEndpoint != 0 failed"});
     EXPECT_TRUE(manager->localOutputs().empty());
 }
 
@@ -177,7 +177,7 @@ TEST(LocalOutputTest, AnswersWhatItWasOpenedWithAndAnnouncesIt)
     const auto output = VelmorLocalOutput::initWithClientAttributes(
         managerClient(), attributesWith("Lead Synth", "com.example.lead", "Example Co", "LS-1"));
     ASSERT_NE(output, nullptr);
-    EXPECT_EQ(lines.messages(),
+    EXPECT_EQ(lines.lines(),
               std::vector<std::string> {"[VelmorLocalOutput.cpp] Created MIDI Output: Lead Synth ( Example Co / LS-1 )"});
     EXPECT_EQ(output->name(), "Lead Synth");
     EXPECT_EQ(output->identifier(), "com.example.lead");
@@ -208,7 +208,7 @@ TEST(LocalOutputTest, WithoutAnIdentifierNameManufacturerAndModelStayAsCreated)
     const auto output = VelmorLocalOutput::initWithClientAttributes(
         managerClient(), attributesWith("Plain", std::nullopt, "Example Co", "LS-1"));
     ASSERT_NE(output, nullptr);
-    EXPECT_EQ(lines.messages(),
+    EXPECT_EQ(lines.lines(),
               std::vector<std::string> {"[VelmorLocalOutput.cpp] Created MIDI Output: Plain ( (null) / (null) )"});
     EXPECT_EQ(output->identifier(), std::nullopt);
     EXPECT_EQ(output->manufacturer(), std::nullopt);
@@ -243,7 +243,7 @@ TEST(LocalOutputTest, ARequestedUniqueIDIsWrittenAndARefusedOneLeavesAUsableOutp
     const auto second = VelmorLocalOutput::initWithClientAttributes(
         managerClient(), attributesWith("Second", "second", std::nullopt, std::nullopt, 424242));
     ASSERT_NE(second, nullptr);
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
                                     "[VelmorObject.cpp] noErr == status failed with -10843",
                                     "[VelmorLocalOutput.cpp] Created MIDI Output: Second ( (null) / (null) )",
                                 }));
@@ -267,7 +267,7 @@ TEST(LocalOutputTest, ClosingDisposesOnceSendsNothingAndKeepsTheCaches)
     CapturedLines lines;
     output->closeObject();
     output->closeObject();
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
                                     "[VelmorLocalOutput.cpp] Closing MIDI Output: Closing ( Example Co / C-1 )",
                                     "[VelmorLocalOutput.cpp] Closing MIDI Output: Closing ( Example Co / C-1 )",
                                 }));
@@ -293,7 +293,7 @@ TEST(LocalOutputTest, AFailedDisposeIsReportedAndTheOutputIsClosedAllTheSame)
     CapturedLines lines;
     service().failNextCalls("MIDIEndpointDispose", kMIDIUnknownEndpoint);
     output->closeObject();
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
                                     "[VelmorLocalOutput.cpp] Closing MIDI Output: Stuck ( (null) / (null) )",
                                     "[VelmorLocalOutput.cpp] noErr == status failed with -10833",
                                 }));
@@ -379,8 +379,8 @@ TEST(SendTest, ATimeOffsetMovesTheStampOnFromTheMomentOfSending)
 
     // One tick of the host clock is the resolution; the conversion through nanoseconds may cost one more.
     const auto expectWithin = [](std::uint64_t stamp, std::uint64_t before, std::uint64_t after, std::uint64_t ms) {
-        EXPECT_GE(stamp + 1, VelmorTest::hostTimeAfter(before, ms)) << ms << " ms";
-        EXPECT_LE(stamp, VelmorTest::hostTimeAfter(after, ms) + 1) << ms << " ms";
+        EXPECT_GE(stamp + 1, VelmorSendTest::hostTimeAfter(before, ms)) << ms << " ms";
+        EXPECT_LE(stamp, VelmorSendTest::hostTimeAfter(after, ms) + 1) << ms << " ms";
     };
     for (std::uint64_t offset : {0u, 10u, 250u}) {
         const auto event = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(64, 90, 1, offset);
@@ -396,9 +396,9 @@ TEST(SendTest, ATimeOffsetMovesTheStampOnFromTheMomentOfSending)
 
         const auto arrivals = service().arrivals(device.destination);
         ASSERT_FALSE(arrivals.empty());
-        std::vector<VelmorTest::PlatformPacket> sent;
+        std::vector<VelmorSendTest::PlatformPacket> sent;
         const auto& image = arrivals.back().packetListImage;
-        ASSERT_TRUE(VelmorTest::readPacketListImage(image.data(), image.size(), sent));
+        ASSERT_TRUE(VelmorSendTest::readPacketListImage(image.data(), image.size(), sent));
         ASSERT_EQ(sent.size(), 1u);
         expectWithin(sent[0].timeStamp, before, after, offset);
     }
@@ -475,8 +475,8 @@ TEST(SendTest, ALongExclusiveMessageGoesOutWhole)
         EXPECT_TRUE(service().arrivedBytes(device.destination) == message) << length;
         const auto arrivals = service().arrivals(device.destination);
         ASSERT_EQ(arrivals.size(), 1u);
-        std::vector<VelmorTest::PlatformPacket> sent;
-        EXPECT_TRUE(VelmorTest::readPacketListImage(arrivals[0].packetListImage.data(),
+        std::vector<VelmorSendTest::PlatformPacket> sent;
+        EXPECT_TRUE(VelmorSendTest::readPacketListImage(arrivals[0].packetListImage.data(),
                                                     arrivals[0].packetListImage.size(), sent));
         EXPECT_EQ(sent.size(), expectedPackets);
     }
@@ -497,7 +497,7 @@ TEST(RemoteOutputTest, ConstructionNeedsAnEndpointAndAPort)
     {
         CapturedLines lines;
         EXPECT_EQ(VelmorRemoteOutput::initWithEndpointRefOutputPort(device.destination, 0), nullptr);
-        EXPECT_EQ(lines.messages(), std::vector<std::string> {"[VelmorRemoteOutput.cpp] outputPort failed"});
+        EXPECT_EQ(lines.lines(), std::vector<std::string> {"[VelmorRemoteOutput.cpp] outputPort failed"});
     }
     {
         // A remote output never writes a unique ID.
