@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "ObjectTestSupport.h"
 #include "SendTestSupport.h"
 #include "VelmorAttributes.h"
 #include "VelmorClient.h"
@@ -74,32 +75,46 @@ std::shared_ptr<VelmorRemoteOutput> remoteOutputFor(MIDIEndpointRef destination)
 
 // --- Local output: construction, identity, closing ---------------------------------------------------
 
+namespace {
+
+// The in-process service, except that MIDISourceCreate may say yes and make nothing.
+struct ServiceWithoutSourceEndpoints : ObjectTestSupport::ForwardingService {
+    bool createNothing = false;
+    OSStatus sourceCreate(MIDIClientRef c, std::string_view n, MIDIEndpointRef* r) override
+    {
+        return createNothing ? noErr : inner->sourceCreate(c, n, r);
+    }
+};
+
+} // namespace
+
 TEST(LocalOutputTest, ConstructionFailuresWriteTheirLineAndLeaveNoEndpoint)
 {
+    const auto forwarding = std::make_shared<ServiceWithoutSourceEndpoints>();
+    setCurrentService(forwarding);
     const auto client = managerClient();
     ASSERT_NE(client, nullptr);
+    const auto named = [&](std::optional<std::string> name) {
+        return [&client, name] { return VelmorLocalOutput::initWithClientAttributes(client, attributesWith(name, "id")); };
+    };
     struct Case {
         const char* what;
         std::function<void()> fault;
         std::function<std::shared_ptr<VelmorLocalOutput>()> make;
-        std::vector<std::string> lines;
-    };
-    const auto named = [&](std::optional<std::string> name) {
-        return [&client, name] { return VelmorLocalOutput::initWithClientAttributes(client, attributesWith(name, "id")); };
+        std::string line;
     };
     const std::vector<Case> cases = {
-        {"init", [] {}, [] { return VelmorLocalOutput::init(); }, {"[VelmorLocalOutput.cpp] client != nil failed"}},
-        {"no client", [] {}, [] { return VelmorLocalOutput::initWithClientAttributes(nullptr, attributesWith("A", "a")); },
-         {"[VelmorLocalOutput.cpp] client != nil failed"}},
+        {"init", [] {}, [] { return VelmorLocalOutput::init(); }, "[VelmorLocalOutput.cpp] client != nil failed"},
         {"no attributes", [] {}, [&] { return VelmorLocalOutput::initWithClientAttributes(client, nullptr); },
-         {"[VelmorLocalOutput.cpp] attributes.name.length failed"}},
-        {"null name", [] {}, named(std::nullopt), {"[VelmorLocalOutput.cpp] attributes.name.length failed"}},
-        {"empty name", [] {}, named(""), {"[VelmorLocalOutput.cpp] attributes.name.length failed"}},
+         "[VelmorLocalOutput.cpp] attributes.name.length failed"},
+        {"null name", [] {}, named(std::nullopt), "[VelmorLocalOutput.cpp] attributes.name.length failed"},
+        {"empty name", [] {}, named(""), "[VelmorLocalOutput.cpp] attributes.name.length failed"},
         {"service refuses", [] { service().failNextCalls("MIDISourceCreate", kMIDIInvalidClient); }, named("A"),
-         {"[VelmorLocalOutput.cpp] noErr == status failed with -10830"}},
+         "[VelmorLocalOutput.cpp] noErr == status failed with -10830"},
+        {"no endpoint", [&] { forwarding->createNothing = true; }, named("A"), "[VelmorLocalOutput.cpp] sourceEndpoint != 0 failed"},
         // The endpoint exists by then; it must not stay behind as a dead source.
-        {"name unreadable", [] { service().failNextCalls("MIDIObjectGetStringProperty", kMIDIUnknownProperty); },
-         named("A"), {"[VelmorObject.cpp] noErr == status failed with -10835"}},
+        {"name unreadable", [&] { forwarding->createNothing = false; service().failNextCalls("MIDIObjectGetStringProperty", kMIDIUnknownProperty); },
+         named("A"), "[VelmorObject.cpp] noErr == status failed with -10835"},
     };
     for (const auto& c : cases) {
         settle();
@@ -107,68 +122,10 @@ TEST(LocalOutputTest, ConstructionFailuresWriteTheirLineAndLeaveNoEndpoint)
         CapturedLines lines;
         c.fault();
         EXPECT_EQ(c.make(), nullptr) << c.what;
-        service().failNextCalls("MIDISourceCreate", noErr, 0);
-        service().failNextCalls("MIDIObjectGetStringProperty", noErr, 0);
-        EXPECT_EQ(lines.lines(), c.lines) << c.what;
+        EXPECT_EQ(lines.lines(), std::vector<std::string> {c.line}) << c.what;
         settle();
         EXPECT_EQ(MIDIGetNumberOfSources(), sourcesBefore) << c.what;
     }
-}
-
-namespace {
-
-// A service that says yes to MIDISourceCreate and makes nothing, as no fault of the in-process service
-// can; every other call goes to the in-process service.
-class ServiceWithoutSourceEndpoints : public VelmorMIDIService {
-public:
-    std::shared_ptr<VelmorInProcessMIDIService> inner = VelmorInProcessMIDIService::create();
-    const char* serviceName() const override { return "without source endpoints"; }
-    OSStatus sourceCreate(MIDIClientRef, std::string_view, MIDIEndpointRef*) override { return noErr; }
-
-    OSStatus clientCreate(std::string_view n, MIDINotifyProc p, void* r, MIDIClientRef* c) override { return inner->clientCreate(n, p, r, c); }
-    OSStatus clientDispose(MIDIClientRef c) override { return inner->clientDispose(c); }
-    OSStatus inputPortCreate(MIDIClientRef c, std::string_view n, MIDIReadProc p, void* r, MIDIPortRef* o) override
-    {
-        return inner->inputPortCreate(c, n, p, r, o);
-    }
-    OSStatus outputPortCreate(MIDIClientRef c, std::string_view n, MIDIPortRef* o) override { return inner->outputPortCreate(c, n, o); }
-    OSStatus portConnectSource(MIDIPortRef p, MIDIEndpointRef s, void* r) override { return inner->portConnectSource(p, s, r); }
-    OSStatus portDisconnectSource(MIDIPortRef p, MIDIEndpointRef s) override { return inner->portDisconnectSource(p, s); }
-    OSStatus portDispose(MIDIPortRef p) override { return inner->portDispose(p); }
-    OSStatus endpointDispose(MIDIEndpointRef e) override { return inner->endpointDispose(e); }
-    OSStatus received(MIDIEndpointRef s, const MIDIPacketList* l) override { return inner->received(s, l); }
-    OSStatus send(MIDIPortRef p, MIDIEndpointRef d, const MIDIPacketList* l) override { return inner->send(p, d, l); }
-    ItemCount numberOfSources() override { return inner->numberOfSources(); }
-    MIDIEndpointRef source(ItemCount i) override { return inner->source(i); }
-    ItemCount numberOfDestinations() override { return inner->numberOfDestinations(); }
-    MIDIEndpointRef destination(ItemCount i) override { return inner->destination(i); }
-    ItemCount deviceNumberOfEntities(MIDIDeviceRef d) override { return inner->deviceNumberOfEntities(d); }
-    MIDIEntityRef deviceEntity(MIDIDeviceRef d, ItemCount i) override { return inner->deviceEntity(d, i); }
-    ItemCount entityNumberOfSources(MIDIEntityRef e) override { return inner->entityNumberOfSources(e); }
-    MIDIEndpointRef entitySource(MIDIEntityRef e, ItemCount i) override { return inner->entitySource(e, i); }
-    ItemCount entityNumberOfDestinations(MIDIEntityRef e) override { return inner->entityNumberOfDestinations(e); }
-    MIDIEndpointRef entityDestination(MIDIEntityRef e, ItemCount i) override { return inner->entityDestination(e, i); }
-    OSStatus endpointGetEntity(MIDIEndpointRef e, MIDIEntityRef* o) override { return inner->endpointGetEntity(e, o); }
-    OSStatus getStringProperty(MIDIObjectRef o, std::string_view p, std::optional<std::string>* v) override
-    {
-        return inner->getStringProperty(o, p, v);
-    }
-    OSStatus setStringProperty(MIDIObjectRef o, std::string_view p, std::string_view v) override { return inner->setStringProperty(o, p, v); }
-    OSStatus getIntegerProperty(MIDIObjectRef o, std::string_view p, std::int32_t* v) override { return inner->getIntegerProperty(o, p, v); }
-    OSStatus setIntegerProperty(MIDIObjectRef o, std::string_view p, std::int32_t v) override { return inner->setIntegerProperty(o, p, v); }
-};
-
-} // namespace
-
-TEST(LocalOutputTest, ASuccessWithoutAnEndpointIsAFailure)
-{
-    setCurrentService(std::make_shared<ServiceWithoutSourceEndpoints>());
-    CapturedLines lines;
-    const auto manager = VelmorManager::sharedManager();
-    ASSERT_NE(manager, nullptr);
-    EXPECT_EQ(manager->openVirtualOutputWithAttributes(attributesWith("A", "a")), nullptr);
-    EXPECT_EQ(lines.lines(), std::vector<std::string> {"[VelmorLocalOutput.cpp] sourceEndpoint != 0 failed"});
-    EXPECT_TRUE(manager->localOutputs().empty());
 }
 
 TEST(LocalOutputTest, AnswersWhatItWasOpenedWithAndAnnouncesIt)
@@ -177,87 +134,48 @@ TEST(LocalOutputTest, AnswersWhatItWasOpenedWithAndAnnouncesIt)
     const auto output = VelmorLocalOutput::initWithClientAttributes(
         managerClient(), attributesWith("Lead Synth", "com.example.lead", "Example Co", "LS-1"));
     ASSERT_NE(output, nullptr);
-    EXPECT_EQ(lines.lines(),
-              std::vector<std::string> {"[VelmorLocalOutput.cpp] Created MIDI Output: Lead Synth ( Example Co / LS-1 )"});
-    EXPECT_EQ(output->name(), "Lead Synth");
+    EXPECT_EQ(lines.lines(), std::vector<std::string> {"[VelmorLocalOutput.cpp] Created MIDI Output: Lead Synth ( Example Co / LS-1 )"});
     EXPECT_EQ(output->identifier(), "com.example.lead");
-    EXPECT_EQ(output->manufacturer(), "Example Co");
-    EXPECT_EQ(output->model(), "LS-1");
-    EXPECT_NE(output->uniqueID(), 0);
-
-    // Another program sees it among the system's sources, under its name.
-    bool listed = false;
-    for (ItemCount i = 0; i < MIDIGetNumberOfSources(); ++i)
-        listed = listed || MIDIGetSource(i) == output->object();
-    EXPECT_TRUE(listed);
-
-    const auto attributes = output->attributes();
-    EXPECT_EQ(attributes->name(), "Lead Synth");
-    EXPECT_EQ(attributes->identifier(), "com.example.lead");
-    EXPECT_EQ(attributes->uniqueID(), output->uniqueID());
-    EXPECT_EQ(attributes->index(), 0u);
-
     EXPECT_EQ(output->description(), "{VelmorLocalOutput <" + VelmorPointerString(output.get()) +
                                          ">: Example Co LS-1 \"Lead Synth\" #com.example.lead (uid:" +
                                          std::to_string(output->uniqueID()) + ")}");
-}
 
-TEST(LocalOutputTest, WithoutAnIdentifierNameManufacturerAndModelStayAsCreated)
-{
-    CapturedLines lines;
-    const auto output = VelmorLocalOutput::initWithClientAttributes(
-        managerClient(), attributesWith("Plain", std::nullopt, "Example Co", "LS-1"));
-    ASSERT_NE(output, nullptr);
-    EXPECT_EQ(lines.lines(),
-              std::vector<std::string> {"[VelmorLocalOutput.cpp] Created MIDI Output: Plain ( (null) / (null) )"});
-    EXPECT_EQ(output->identifier(), std::nullopt);
-    EXPECT_EQ(output->manufacturer(), std::nullopt);
-
+    // Without an identifier, name, manufacturer and model stay as created, then and later.
+    const auto plain = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Plain", std::nullopt, "Example Co", "LS-1"));
+    ASSERT_NE(plain, nullptr);
+    EXPECT_EQ(lines.lines().back(), "[VelmorLocalOutput.cpp] Created MIDI Output: Plain ( (null) / (null) )");
     service().resetCallCounts();
-    output->setName("Renamed");
-    output->setManufacturer("Other");
-    output->setModel("Other");
+    plain->setName("Renamed");
+    plain->setManufacturer("Other");
+    plain->setModel("Other");
     EXPECT_EQ(service().callCount("MIDIObjectSetStringProperty"), 0u);
-    EXPECT_EQ(output->name(), "Plain");
-    EXPECT_EQ(output->description(), "{VelmorLocalOutput <" + VelmorPointerString(output.get()) +
-                                         ">: (null) (null) \"Plain\" #(null) (uid:" + std::to_string(output->uniqueID()) + ")}");
-
-    // With an identifier the same writes reach the system.
-    const auto named = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Named", "named"));
-    ASSERT_NE(named, nullptr);
-    named->setName("Renamed");
-    named->setModel("M2");
-    EXPECT_EQ(named->name(), "Renamed");
-    EXPECT_EQ(named->model(), "M2");
+    EXPECT_EQ(plain->name(), "Plain");
+    EXPECT_EQ(plain->description(), "{VelmorLocalOutput <" + VelmorPointerString(plain.get()) +
+                                        ">: (null) (null) \"Plain\" #(null) (uid:" + std::to_string(plain->uniqueID()) + ")}");
+    output->setName("Renamed");
+    EXPECT_EQ(output->name(), "Renamed");
 }
 
 TEST(LocalOutputTest, ARequestedUniqueIDIsWrittenAndARefusedOneLeavesAUsableOutput)
 {
-    const auto first = VelmorLocalOutput::initWithClientAttributes(
-        managerClient(), attributesWith("First", "first", std::nullopt, std::nullopt, 424242));
+    const auto first = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("First", "first", {}, {}, 424242));
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(first->uniqueID(), 424242);
-    EXPECT_EQ(first->attributes()->uniqueID(), 424242);
 
     CapturedLines lines;
-    const auto second = VelmorLocalOutput::initWithClientAttributes(
-        managerClient(), attributesWith("Second", "second", std::nullopt, std::nullopt, 424242));
+    const auto second = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Second", "second", {}, {}, 424242));
     ASSERT_NE(second, nullptr);
-    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
-                                    "[VelmorObject.cpp] noErr == status failed with -10843",
-                                    "[VelmorLocalOutput.cpp] Created MIDI Output: Second ( (null) / (null) )",
-                                }));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorObject.cpp] noErr == status failed with -10843",
+                                                         "[VelmorLocalOutput.cpp] Created MIDI Output: Second ( (null) / (null) )"}));
     EXPECT_NE(second->uniqueID(), 424242);
     EXPECT_NE(second->uniqueID(), 0);
 }
 
 TEST(LocalOutputTest, ClosingDisposesOnceSendsNothingAndKeepsTheCaches)
 {
-    const auto output = VelmorLocalOutput::initWithClientAttributes(
-        managerClient(), attributesWith("Closing", "closing", "Example Co", "C-1"));
-    ASSERT_NE(output, nullptr);
-    (void)output->manufacturer();
-    (void)output->model();
+    const auto output = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Closing", "closing", "Maker", "C-1"));
+    const auto stuck = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Stuck", "stuck"));
+    ASSERT_TRUE(output && stuck);
     const auto uniqueID = output->uniqueID();
     SourceReader reader(output->object());
     settle();
@@ -267,45 +185,33 @@ TEST(LocalOutputTest, ClosingDisposesOnceSendsNothingAndKeepsTheCaches)
     CapturedLines lines;
     output->closeObject();
     output->closeObject();
-    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
-                                    "[VelmorLocalOutput.cpp] Closing MIDI Output: Closing ( Example Co / C-1 )",
-                                    "[VelmorLocalOutput.cpp] Closing MIDI Output: Closing ( Example Co / C-1 )",
-                                }));
-    EXPECT_EQ(service().callCount("MIDIEndpointDispose"), 1u);
-    EXPECT_EQ(output->object(), 0u);
-    EXPECT_EQ(MIDIGetNumberOfSources(), sourcesBefore - 1);
-
     output->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(60, 100, 1, 0));
+    // A refused dispose is reported, and the output is closed all the same.
+    service().failNextCalls("MIDIEndpointDispose", kMIDIUnknownEndpoint);
+    stuck->closeObject();
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
+                                 "[VelmorLocalOutput.cpp] Closing MIDI Output: Closing ( Maker / C-1 )",
+                                 "[VelmorLocalOutput.cpp] Closing MIDI Output: Closing ( Maker / C-1 )",
+                                 "[VelmorLocalOutput.cpp] Closing MIDI Output: Stuck ( (null) / (null) )",
+                                 "[VelmorLocalOutput.cpp] noErr == status failed with -10833",
+                             }));
+    EXPECT_EQ(service().callCount("MIDIEndpointDispose"), 2u);
     EXPECT_EQ(service().callCount("MIDIReceived"), 0u);
+    EXPECT_EQ(MIDIGetNumberOfSources(), sourcesBefore - 1);
+    EXPECT_EQ(stuck->object(), 0u);
     settle();
     EXPECT_EQ(reader.listCount(), 0u);
-
     EXPECT_EQ(output->name(), "Closing");
     EXPECT_EQ(output->identifier(), "closing");
-    EXPECT_EQ(output->manufacturer(), "Example Co");
+    EXPECT_EQ(output->manufacturer(), "Maker");
     EXPECT_EQ(output->uniqueID(), uniqueID);
-}
-
-TEST(LocalOutputTest, AFailedDisposeIsReportedAndTheOutputIsClosedAllTheSame)
-{
-    const auto output = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Stuck", "stuck"));
-    ASSERT_NE(output, nullptr);
-    CapturedLines lines;
-    service().failNextCalls("MIDIEndpointDispose", kMIDIUnknownEndpoint);
-    output->closeObject();
-    EXPECT_EQ(lines.lines(), (std::vector<std::string> {
-                                    "[VelmorLocalOutput.cpp] Closing MIDI Output: Stuck ( (null) / (null) )",
-                                    "[VelmorLocalOutput.cpp] noErr == status failed with -10833",
-                                }));
-    EXPECT_EQ(output->object(), 0u);
 }
 
 TEST(LocalOutputTest, AChangeOfItsOwnEndpointPostsTheLocalOutputNotification)
 {
     const auto output = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Own", "own"));
     const auto other = VelmorLocalOutput::initWithClientAttributes(managerClient(), attributesWith("Other", "other"));
-    ASSERT_NE(output, nullptr);
-    ASSERT_NE(other, nullptr);
+    ASSERT_TRUE(output && other);
     const auto device = service().createSimpleDevice("Device", "Maker", "Model");
     settle();
 
@@ -316,7 +222,6 @@ TEST(LocalOutputTest, AChangeOfItsOwnEndpointPostsTheLocalOutputNotification)
                                                             std::string(VelmorLocalOutputPropertyChangedNotification)}));
     EXPECT_EQ(recorder.seen()[1].object.get(), static_cast<VelmorRootObject*>(output.get()));
     EXPECT_FALSE(recorder.seen()[1].userInfo.has_value());
-    EXPECT_EQ(output->cachedName(), "Own Renamed");
 
     // Any property of its own endpoint counts; another endpoint's change does not.
     recorder.clear();
@@ -325,12 +230,6 @@ TEST(LocalOutputTest, AChangeOfItsOwnEndpointPostsTheLocalOutputNotification)
     MIDIObjectSetStringProperty(device.entity, kMIDIPropertyModel, "Entity Model");
     settle();
     EXPECT_EQ(recorder.names(), std::vector<std::string> {std::string(VelmorLocalOutputPropertyChangedNotification)});
-
-    // A closed output no longer hears about the endpoint it had.
-    recorder.clear();
-    output->closeObject();
-    settle();
-    EXPECT_TRUE(recorder.names().empty());
 }
 
 // --- Sending -------------------------------------------------------------------------------------------
@@ -426,14 +325,6 @@ TEST(SendTest, NothingWithoutBytesReachesTheService)
     EXPECT_EQ(service().callCount("MIDIReceived"), 0u);
     EXPECT_EQ(service().callCount("MIDISend"), 0u);
     EXPECT_TRUE(lines.lines().empty());
-
-    // An event whose bytes were replaced sends the new bytes, as they are.
-    SourceReader reader(output->object());
-    auto replaced = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(60, 1, 1, 0);
-    replaced->setData(VelmorData({0xB0, 0x07, 0x64}));
-    output->sendEvent(replaced);
-    ASSERT_TRUE(reader.waitForBytes(3));
-    EXPECT_EQ(reader.bytes(), (Bytes {0xB0, 0x07, 0x64}));
 }
 
 TEST(SendTest, ALongExclusiveMessageGoesOutWhole)
@@ -506,12 +397,9 @@ TEST(RemoteOutputTest, ConstructionNeedsAnEndpointAndAPort)
         ASSERT_NE(output, nullptr);
         EXPECT_EQ(output->outputPort(), 77u);
         EXPECT_EQ(service().callCount("MIDIObjectSetIntegerProperty"), 0u);
-        EXPECT_EQ(output->name(), "Port Device");
-        EXPECT_EQ(output->manufacturer(), "Maker");
         // It has no text form of its own: the endpoint's, under its class name.
-        EXPECT_EQ(output->description().rfind("VelmorEndpoint: mod:Model mfg:Maker VelmorObject: n:Port Device", 0), 0u)
-            << output->description();
-        EXPECT_NE(output->description().find("VelmorRemoteOutput"), std::string::npos);
+        EXPECT_EQ(output->description().rfind("VelmorEndpoint: mod:Model mfg:Maker VelmorObject: n:Port Device", 0), 0u);
+        EXPECT_NE(output->description().find("<VelmorRemoteOutput: 0x"), std::string::npos) << output->description();
     }
 }
 
