@@ -207,9 +207,16 @@ std::shared_ptr<VelmorPacket> VelmorPacket::packetByAppendingPacket(const std::s
     return joined;
 }
 
-void VelmorPacket::joinInPlace(const std::uint8_t* bytes, std::size_t length, std::uint64_t timeStamp)
+bool VelmorPacket::endsInExclusiveMessage() const
 {
-    data_ = data_.byAppending(bytes, length);
+    return partial() && data_[scan_.messageStart] == 0xF0;
+}
+
+void VelmorPacket::joinInPlace(const VelmorData& joined, std::uint64_t timeStamp, std::size_t noEndBefore)
+{
+    if (endsInExclusiveMessage())
+        scan_.scanned = std::max(scan_.scanned, noEndBefore);
+    data_ = joined;
     timeStamp_ = std::max(timeStamp_, timeStamp);
     source_ = nullptr;
     walk();
