@@ -214,6 +214,7 @@ public:
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;
         }
+        abandon_.store(true, std::memory_order_relaxed);
         wake_.notify_all();
         idle_.notify_all();
         if (!thread_.joinable())
@@ -407,8 +408,11 @@ private:
                 break;
             std::swap(working, pending_);
             lock.unlock();
-            for (const auto& entry : working.entries)
+            for (const auto& entry : working.entries) {
+                if (abandon_.load(std::memory_order_relaxed))
+                    break;  // the service is going: what is left of the batch goes unheard
                 dispatch(entry, working.bytes.data());
+            }
             const auto ran = working.entries.size();
             working.entries.clear();
             working.bytes.clear();
@@ -432,6 +436,7 @@ private:
     std::uint64_t done_ = 0;
     int idleWaiters_ = 0;
     std::atomic<CallbackKey> running_ {0};
+    std::atomic<bool> abandon_ {false};
     std::thread thread_;
     std::thread::id threadId_;            // set before any work is queued
 };
