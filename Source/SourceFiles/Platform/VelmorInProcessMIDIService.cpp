@@ -8,7 +8,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <shared_mutex>
+#include <shared_mutex>  // std::shared_lock
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -214,6 +214,7 @@ public:
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;
         }
+        abandon_.store(true, std::memory_order_relaxed);
         wake_.notify_all();
         idle_.notify_all();
         if (!thread_.joinable())
@@ -407,8 +408,11 @@ private:
                 break;
             std::swap(working, pending_);
             lock.unlock();
-            for (const auto& entry : working.entries)
+            for (const auto& entry : working.entries) {
+                if (abandon_.load(std::memory_order_relaxed))
+                    break;  // the service is going: what is left of the batch goes unheard
                 dispatch(entry, working.bytes.data());
+            }
             const auto ran = working.entries.size();
             working.entries.clear();
             working.bytes.clear();
@@ -432,8 +436,65 @@ private:
     std::uint64_t done_ = 0;
     int idleWaiters_ = 0;
     std::atomic<CallbackKey> running_ {0};
+    std::atomic<bool> abandon_ {false};
     std::thread thread_;
     std::thread::id threadId_;            // set before any work is queued
+};
+
+// --- The graph's lock ------------------------------------------------------------------------------------
+
+// A reader-writer lock that lets a waiting writer in before new readers. Injection from several threads
+// can hold a plain shared lock without a gap, and a disconnect must not starve behind it. Readers pay
+// one compare-and-swap each way; only a waiting side takes the inner mutex.
+class GraphMutex {
+public:
+    void lock_shared()
+    {
+        auto state = state_.load(std::memory_order_relaxed);
+        for (;;) {
+            if (state & writerBit) {
+                std::unique_lock<std::mutex> lock(mutex_);
+                changed_.wait(lock, [this] { return !(state_.load(std::memory_order_relaxed) & writerBit); });
+                state = state_.load(std::memory_order_relaxed);
+                continue;
+            }
+            if (state_.compare_exchange_weak(state, state + 1, std::memory_order_acquire, std::memory_order_relaxed))
+                return;
+        }
+    }
+    void unlock_shared()
+    {
+        // The last reader out tells a waiting writer.
+        if (state_.fetch_sub(1, std::memory_order_release) - 1 == writerBit) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            changed_.notify_all();
+        }
+    }
+    void lock()
+    {
+        writers_.lock();
+        state_.fetch_or(writerBit, std::memory_order_acquire);
+        if (state_.load(std::memory_order_acquire) != writerBit) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return state_.load(std::memory_order_acquire) == writerBit; });
+        }
+    }
+    void unlock()
+    {
+        state_.fetch_and(~writerBit, std::memory_order_release);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            changed_.notify_all();
+        }
+        writers_.unlock();
+    }
+
+private:
+    static constexpr std::uint32_t writerBit = 0x80000000u;
+    std::atomic<std::uint32_t> state_ {0};  // readers inside, and the bit of a writer waiting or inside
+    std::mutex writers_;                    // one writer at a time
+    std::mutex mutex_;                      // for waiting only
+    std::condition_variable changed_;
 };
 
 // --- The object graph ------------------------------------------------------------------------------------
@@ -485,7 +546,7 @@ void eraseValue(std::vector<T>& values, const T& value)
 struct VelmorInProcessMIDIService::State {
     std::shared_ptr<Dispatcher> dispatcher = std::make_shared<Dispatcher>();
 
-    mutable std::shared_mutex mutex;  // the graph below; reads come on every decoded event
+    mutable GraphMutex mutex;  // the graph below; reads come on every decoded event
     std::unordered_map<MIDIObjectRef, Object> objects;
     std::vector<MIDIEndpointRef> sourceList;       // in the order of creation
     std::vector<MIDIEndpointRef> destinationList;

@@ -8,6 +8,11 @@
 // entities and endpoints can be made and removed, properties set, bytes injected into a device's
 // source, what reached a device's destination inspected, calls made to fail, calls counted, and the
 // service waited on until every queued callback has run.
+//
+// Statuses: an unknown reference gives kMIDIParamErr; a known one of the wrong kind gives
+// kMIDIInvalidClient, kMIDIInvalidPort or kMIDIUnknownEndpoint. Once MIDIPortDisconnectSource,
+// MIDIPortDispose, MIDIClientDispose, MIDIEndpointDispose or removeObject has returned, no callback of
+// what it ended is running or will run; called from such a callback, the call doesn't wait for itself.
 
 #include <cstdint>
 #include <functional>
@@ -76,7 +81,8 @@ public:
     // The data bytes of all arrivals at `destination`, concatenated in order.
     std::vector<std::uint8_t> arrivedBytes(MIDIEndpointRef destination) const;
     void clearArrivals(MIDIEndpointRef destination);
-    // Called on a thread of the service for each packet list that reaches `destination`.
+    // Called on a thread of the service for each packet list that reaches `destination`. Once this
+    // returns, an observer it replaced (or cleared, with nullptr) is not running and won't run again.
     void setDestinationObserver(MIDIEndpointRef destination, std::function<void(const MIDIPacketList*)> observer);
 
     // The next `count` uses of the call `callName` (e.g. "MIDIPortConnectSource") fail with `status`
@@ -86,7 +92,8 @@ public:
     std::uint64_t callCount(std::string_view callName) const;
     void resetCallCounts();
 
-    // Blocks until every callback queued so far has run. Must not be called from a callback.
+    // Blocks until every callback queued so far has run, and those they queued in turn. From a callback
+    // it returns at once (it would wait for itself).
     void waitUntilIdle();
 
     // --- The service's calls ---------------------------------------------------------------------

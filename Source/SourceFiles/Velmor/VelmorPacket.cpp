@@ -37,6 +37,23 @@ const std::uint8_t* findEndOfExclusive(const std::uint8_t* from, const std::uint
     return found ? static_cast<const std::uint8_t*>(found) : end;
 }
 
+// The first byte at or behind `from` with its top bit set, or end. Data bytes are one-byte messages to
+// `partial`, and the tails of long exclusive messages are all data bytes: skip them a word at a time.
+const std::uint8_t* findStatusByte(const std::uint8_t* from, const std::uint8_t* end)
+{
+    constexpr std::uint64_t topBits = 0x8080808080808080u;
+    while (end - from >= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, from, sizeof word);
+        if (word & topBits)
+            break;
+        from += 8;
+    }
+    while (from < end && *from < 0x80)
+        ++from;
+    return from;
+}
+
 // Message lengths for cutting: channel messages by their high nibble; everything else runs up to and
 // including the first 0xF7 at or behind its first byte.
 std::size_t cutLength(const std::uint8_t* message, const std::uint8_t* end)
@@ -51,7 +68,7 @@ std::size_t cutLength(const std::uint8_t* message, const std::uint8_t* end)
     }
 }
 
-// Message lengths for `partial`, for every first byte but 0xF0.
+// Message lengths for `partial`, for every first byte but 0xF0 (the walk skips runs of data bytes itself).
 std::size_t walkLength(std::uint8_t first)
 {
     if (first < 0x80)
@@ -74,6 +91,9 @@ std::size_t walkLength(std::uint8_t first)
     }
 }
 
+// Objects are made in one allocation with their control block; the constructor stays protected.
+struct MadePacket final : VelmorPacket {};
+
 } // namespace
 
 std::vector<std::shared_ptr<VelmorPacket>> VelmorPacket::packetsWithMIDIPacket(const VelmorPlatform::MIDIPacket* packet)
@@ -87,18 +107,23 @@ std::vector<std::shared_ptr<VelmorPacket>> VelmorPacket::packetsWithMIDIPacket(c
     const std::uint8_t* position = image + packetHeaderSize;
     const std::uint8_t* const end = position + length;
     while (position < end) {
-        // A message cut short by the end of the platform packet becomes a short packet.
-        const std::size_t messageLength = std::min(cutLength(position, end), static_cast<std::size_t>(end - position));
+        const std::size_t messageLength = cutLengthAt(position, end);
         packets.push_back(initWithTimeOffsetTimeStampData(0, timeStamp, VelmorData(position, messageLength)));
         position += messageLength;
     }
     return packets;
 }
 
+std::size_t VelmorPacket::cutLengthAt(const std::uint8_t* position, const std::uint8_t* end)
+{
+    // A message cut short by the end of the platform packet becomes a short packet.
+    return std::min(cutLength(position, end), static_cast<std::size_t>(end - position));
+}
+
 std::shared_ptr<VelmorPacket> VelmorPacket::initWithTimeOffsetTimeStampData(std::uint64_t timeOffset, std::uint64_t timeStamp,
                                                                            const VelmorData& data)
 {
-    std::shared_ptr<VelmorPacket> packet(new VelmorPacket());
+    std::shared_ptr<VelmorPacket> packet = std::make_shared<MadePacket>();
     if (!packet->constructWithTimeOffsetTimeStampData(timeOffset, timeStamp, data))
         return nullptr;
     return packet;
@@ -146,6 +171,10 @@ void VelmorPacket::walk()
     std::size_t scanned = scan_.scanned;
     while (start < length) {
         const std::uint8_t first = bytes[start];
+        if (first < 0x80) {
+            start = static_cast<std::size_t>(findStatusByte(bytes + start, bytes + length) - bytes);
+            continue;
+        }
         if (first == 0xF0) {
             // Bytes an earlier walk has searched are not searched again.
             const std::uint8_t* from = bytes + std::max(start + 1, scanned);
@@ -169,13 +198,28 @@ std::shared_ptr<VelmorPacket> VelmorPacket::packetByAppendingPacket(const std::s
 {
     if (!packet || data_.isNull())
         return nullptr;
-    std::shared_ptr<VelmorPacket> joined(new VelmorPacket());
+    std::shared_ptr<VelmorPacket> joined = std::make_shared<MadePacket>();
     // The joined bytes begin with the receiver's, so its walk goes on from where the receiver's stands.
     joined->scan_ = scan_;
     if (!joined->constructWithTimeOffsetTimeStampData(timeOffset_, std::max(timeStamp_, packet->timeStamp_),
                                                       data_.byAppending(packet->data_)))
         return nullptr;
     return joined;
+}
+
+bool VelmorPacket::endsInExclusiveMessage() const
+{
+    return partial() && data_[scan_.messageStart] == 0xF0;
+}
+
+void VelmorPacket::joinInPlace(const VelmorData& joined, std::uint64_t timeStamp, std::size_t noEndBefore)
+{
+    if (endsInExclusiveMessage())
+        scan_.scanned = std::max(scan_.scanned, noEndBefore);
+    data_ = joined;
+    timeStamp_ = std::max(timeStamp_, timeStamp);
+    source_ = nullptr;
+    walk();
 }
 
 std::uint64_t VelmorPacket::imageTimeStampWithStartTime(std::uint64_t startTime) const

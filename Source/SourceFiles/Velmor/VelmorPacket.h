@@ -34,6 +34,8 @@ public:
     // Cuts a platform packet into one packet per message, in the order of their bytes. Never fails:
     // a null pointer or a packet of no bytes gives an empty array.
     static std::vector<std::shared_ptr<VelmorPacket>> packetsWithMIDIPacket(const VelmorPlatform::MIDIPacket* packet);
+    // How many bytes cutting takes for the message at `position`, the bytes ending at `end`.
+    static std::size_t cutLengthAt(const std::uint8_t* position, const std::uint8_t* end);
 
     // Null when `data` is null; an empty buffer gives a packet of length 0.
     static std::shared_ptr<VelmorPacket> initWithTimeOffsetTimeStampData(std::uint64_t timeOffset, std::uint64_t timeStamp,
@@ -86,6 +88,13 @@ private:
     std::size_t platformPacketsByteSize() const;
     // Writes those platform packets at `out` and returns the position behind them.
     std::uint8_t* writePlatformPackets(std::uint8_t* out, std::uint64_t startTime) const;
+    // What packetByAppendingPacket gives for pieces of the greatest time stamp `timeStamp`, made in this
+    // packet itself: `joined` is this packet's bytes followed by theirs. Only for a packet that nobody
+    // else can see yet. When the packet ends in an exclusive message, the caller may vouch that the
+    // joined bytes before `noEndBefore` hold no 0xF7, which spares the walk a search.
+    void joinInPlace(const VelmorData& joined, std::uint64_t timeStamp, std::size_t noEndBefore = 0);
+    // True while the data ends inside an exclusive message, which only a 0xF7 can end.
+    bool endsInExclusiveMessage() const;
 
     // Where the message-by-message walk of `partial` stands at the end of the data. A joined packet
     // starts from the receiver's state and walks only the appended bytes, which keeps the joining of a

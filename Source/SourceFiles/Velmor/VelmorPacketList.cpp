@@ -1,8 +1,90 @@
 #include "VelmorPacketList.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "VelmorValue.h"
+
+namespace {
+
+// Objects are made in one allocation with their control block; the constructor stays protected.
+struct MadePacketList final : VelmorPacketList {};
+
+// One message cut from a platform packet, with that packet's time stamp.
+struct Piece {
+    const std::uint8_t* bytes = nullptr;
+    std::size_t length = 0;
+    std::uint64_t timeStamp = 0;
+};
+
+bool containsEndOfExclusive(const Piece& piece)
+{
+    // Only a channel message (at most three bytes) can hold a 0xF7 before its end: cutting ends every
+    // other message at its first 0xF7.
+    if (piece.length <= 3)
+        return std::memchr(piece.bytes, 0xF7, piece.length) != nullptr;
+    return piece.bytes[piece.length - 1] == 0xF7;
+}
+
+// Walks a platform packet list image piece by piece, in the order of the bytes. A copy reads ahead
+// without moving the original.
+class PieceReader {
+public:
+    explicit PieceReader(const std::uint8_t* image) : next_(image + 4)
+    {
+        std::memcpy(&remaining_, image, sizeof remaining_);
+    }
+
+    bool next(Piece& piece)
+    {
+        if (!load())
+            return false;
+        piece.bytes = position_;
+        piece.length = VelmorPacket::cutLengthAt(position_, end_);
+        piece.timeStamp = timeStamp_;
+        position_ += piece.length;
+        return true;
+    }
+
+    // Copies the next `length` bytes, which must be whole pieces, to `out`.
+    void copy(std::uint8_t* out, std::size_t length)
+    {
+        while (length > 0 && load()) {
+            const std::size_t here = std::min(length, static_cast<std::size_t>(end_ - position_));
+            std::memcpy(out, position_, here);
+            out += here;
+            position_ += here;
+            length -= here;
+        }
+    }
+
+private:
+    // Moves on to the next platform packet that has bytes left; false at the end of the list.
+    bool load()
+    {
+        while (position_ == end_) {
+            if (remaining_ == 0)
+                return false;
+            --remaining_;
+            timeStamp_ = 0;
+            for (std::size_t b = 8; b > 0; --b)
+                timeStamp_ = (timeStamp_ << 8) | next_[b - 1];
+            const std::size_t length = std::size_t(next_[8]) | std::size_t(next_[9]) << 8;
+            position_ = next_ + 10;
+            end_ = position_ + length;
+            next_ = end_;
+        }
+        return true;
+    }
+
+    const std::uint8_t* next_;
+    std::uint32_t remaining_ = 0;
+    const std::uint8_t* position_ = nullptr;
+    const std::uint8_t* end_ = nullptr;
+    std::uint64_t timeStamp_ = 0;
+};
+
+} // namespace
 
 std::shared_ptr<VelmorPacketList> VelmorPacketList::packetListWithMIDIPacketList(const VelmorPlatform::MIDIPacketList* packetList)
 {
@@ -11,25 +93,56 @@ std::shared_ptr<VelmorPacketList> VelmorPacketList::packetListWithMIDIPacketList
 
 std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithMIDIPacketList(const VelmorPlatform::MIDIPacketList* packetList)
 {
-    Packets packets;
-    if (packetList) {
-        const auto* image = reinterpret_cast<const std::uint8_t*>(packetList);
-        std::uint32_t count = 0;
-        std::memcpy(&count, image, sizeof count);
-        const std::uint8_t* position = image + 4;
-        for (std::uint32_t i = 0; i < count; ++i) {
-            Packets cut = VelmorPacket::packetsWithMIDIPacket(reinterpret_cast<const VelmorPlatform::MIDIPacket*>(position));
-            packets.insert(packets.end(), std::make_move_iterator(cut.begin()), std::make_move_iterator(cut.end()));
-            const std::size_t length = std::size_t(position[8]) | std::size_t(position[9]) << 8;
-            position += 10 + length;
+    std::shared_ptr<VelmorPacketList> list = initWithPackets(Packets {});
+    if (!packetList)
+        return list;
+    // Cutting every platform packet (packetsWithMIDIPacket) and appending the pieces in one pass, done
+    // piece by piece. The list is not handed out yet and every packet in it was made here, so a piece
+    // that joins the partial last packet can grow that packet in place: nobody can tell it from the new
+    // joined packet.
+    Packets& packets = list->mutablePackets_;
+    PieceReader reader(reinterpret_cast<const std::uint8_t*>(packetList));
+    Piece piece;
+    while (reader.next(piece)) {
+        const std::shared_ptr<VelmorPacket> last = packets.empty() ? nullptr : packets.back();
+        if (!last || !last->partial()) {
+            packets.push_back(VelmorPacket::initWithTimeOffsetTimeStampData(0, piece.timeStamp, VelmorData(piece.bytes, piece.length)));
+            continue;
         }
+        if (!last->endsInExclusiveMessage()) {
+            last->joinInPlace(last->data().byAppending(piece.bytes, piece.length), piece.timeStamp);
+            continue;
+        }
+        // An open exclusive message takes every piece up to the first that brings a 0xF7. Join that run
+        // into one buffer of the right size, so that a long message is copied once and searched once.
+        PieceReader ahead = reader;
+        Piece next = piece;
+        std::size_t runLength = piece.length;
+        std::size_t noEndBefore = last->length();
+        std::uint64_t timeStamp = piece.timeStamp;
+        bool ended = containsEndOfExclusive(piece);
+        while (!ended && ahead.next(next)) {
+            noEndBefore = last->length() + runLength;
+            runLength += next.length;
+            timeStamp = std::max(timeStamp, next.timeStamp);
+            ended = containsEndOfExclusive(next);
+        }
+        if (!ended)
+            noEndBefore = last->length() + runLength;
+        const VelmorData joined = VelmorData::make(last->length() + runLength, [&](std::uint8_t* out) {
+            std::memcpy(out, last->data().bytes(), last->length());
+            std::memcpy(out + last->length(), piece.bytes, piece.length);
+            // Moves the reader behind the run.
+            reader.copy(out + last->length() + piece.length, runLength - piece.length);
+        });
+        last->joinInPlace(joined, timeStamp, noEndBefore);
     }
-    return initWithPackets(std::move(packets));
+    return list;
 }
 
 std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithPackets(std::optional<Packets> packets)
 {
-    std::shared_ptr<VelmorPacketList> list(new VelmorPacketList());
+    std::shared_ptr<VelmorPacketList> list = std::make_shared<MadePacketList>();
     if (!list->constructWithPackets(packets))
         return nullptr;
     return list;
