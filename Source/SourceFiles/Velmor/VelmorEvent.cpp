@@ -4,6 +4,7 @@
 
 #include "VelmorAttributes.h"
 #include "VelmorFailure.h"
+#include "VelmorManager.h"
 #include "VelmorPacket.h"
 #include "VelmorRemoteSource.h"
 
@@ -254,4 +255,61 @@ std::uint64_t VelmorEvent::eventValue() const
 std::shared_ptr<VelmorPacket> VelmorEvent::packet() const
 {
     return VelmorPacket::initWithTimeOffsetData(timeOffset_, data_);
+}
+
+VelmorDictionary VelmorEvent::propertiesDictionary() const
+{
+    VelmorDictionary properties;
+    if (sourceAttributes_) {
+        const VelmorAttributes& attributes = *sourceAttributes_;
+        properties.setObjectForKey(VelmorValue(attributes.dictionaryRepresentation()), VelmorEventSourceAttributesKey);
+        if (attributes.manufacturer())
+            properties.setObjectForKey(VelmorValue(*attributes.manufacturer()), VelmorEventSourceManufacturerKey);
+        if (attributes.model())
+            properties.setObjectForKey(VelmorValue(*attributes.model()), VelmorEventSourceModelKey);
+        if (attributes.name())
+            properties.setObjectForKey(VelmorValue(*attributes.name()), VelmorEventSourceNameKey);
+        if (attributes.uniqueID())
+            properties.setObjectForKey(VelmorValue(*attributes.uniqueID()), VelmorEventSourceUniqueIDKey);
+        if (attributes.identifier())
+            properties.setObjectForKey(VelmorValue(*attributes.identifier()), VelmorEventSourceIdentifierKey);
+    }
+    properties.setObjectForKey(VelmorValue(channel_), VelmorEventChannelNumberKey);
+    properties.setObjectForKey(VelmorValue(timeStamp_), VelmorEventTimeStampKey);
+    properties.setObjectForKey(VelmorValue(type_), VelmorEventTypeKey);
+
+    switch (type_) {
+    case VelmorEventTypeNoteOff:
+    case VelmorEventTypeNoteOn:
+        properties.setObjectForKey(VelmorValue(note()), VelmorEventNoteNumberKey);
+        properties.setObjectForKey(VelmorValue(velocity()), VelmorEventVelocityKey);
+        break;
+    case VelmorEventTypeAfterTouch:
+        properties.setObjectForKey(VelmorValue(note()), VelmorEventNoteNumberKey);
+        properties.setObjectForKey(VelmorValue(pressure()), VelmorEventPressureKey);
+        break;
+    case VelmorEventTypeControlChange:
+        properties.setObjectForKey(VelmorValue(controller()), VelmorEventControllerNumberKey);
+        properties.setObjectForKey(VelmorValue(*VelmorManager::controllerNameAllowCustom(controller(), true)),
+                                   VelmorEventControllerNameKey);
+        properties.setObjectForKey(VelmorValue(eventValue()), VelmorEventValueKey);
+        break;
+    case VelmorEventTypePatchChange:
+        properties.setObjectForKey(VelmorValue(eventValue()), VelmorEventValueKey);
+        break;
+    case VelmorEventTypeChannelPressure:
+        properties.setObjectForKey(VelmorValue(pressure()), VelmorEventPressureKey);
+        break;
+    case VelmorEventTypePitchWheel:
+        properties.setObjectForKey(VelmorValue(pitch()), VelmorEventPitchKey);
+        break;
+    default:
+        break;
+    }
+    return properties;
+}
+
+std::string VelmorEvent::description() const
+{
+    return "VelmorEvent: " + propertiesDictionary().description();
 }

@@ -6,6 +6,7 @@
 
 #include "VelmorData.h"
 #include "VelmorRootObject.h"
+#include "VelmorValue.h"
 
 class VelmorAttributes;
 class VelmorPacket;
@@ -27,6 +28,22 @@ inline constexpr std::uint64_t VelmorEventTypeSystem = 0xF0;
 //
 // The factory class operations check their arguments and give null, without a line, when one is out of
 // range; the constructors behind them only mask. All of them decode their own bytes by the one decoder.
+
+// Keys of an event's properties. The source keys of the attributes' dictionary form
+// (VelmorEventSourceNameKey ...) are declared with VelmorAttributes.
+inline constexpr std::string_view VelmorEventPropertiesPboardType = "com.brightmarrow.uti.Velmor.EventProperties";
+inline constexpr std::string_view VelmorEventChannelNumberKey = "VelmorEventChannelNumber";
+inline constexpr std::string_view VelmorEventControllerNameKey = "VelmorEventControllerName";
+inline constexpr std::string_view VelmorEventControllerNumberKey = "VelmorEventControllerNumber";
+inline constexpr std::string_view VelmorEventNoteNumberKey = "VelmorEventNoteNumber";
+inline constexpr std::string_view VelmorEventPitchKey = "VelmorEventPitch";
+inline constexpr std::string_view VelmorEventPressureKey = "VelmorEventPressure";
+inline constexpr std::string_view VelmorEventSourceAttributesKey = "VelmorEventSourceAttributes";
+inline constexpr std::string_view VelmorEventTimeStampKey = "VelmorEventTimeStamp";
+inline constexpr std::string_view VelmorEventTypeKey = "VelmorEventType";
+inline constexpr std::string_view VelmorEventValueKey = "VelmorEventValue";
+inline constexpr std::string_view VelmorEventVelocityKey = "VelmorEventVelocity";
+
 class VelmorEvent : public VelmorRootObject {
 public:
     // Decoding. Each failure writes one line and gives null.
@@ -118,6 +135,13 @@ public:
 
     // A new packet of the event's offset and bytes, with time stamp 0 and no source.
     std::shared_ptr<VelmorPacket> packet() const;
+
+    // The event as a dictionary, new at each call: source keys (when there are source attributes),
+    // channel, time stamp and type, then the keys of the event's type. Neither the time offset nor the
+    // bytes. A source string that is null is left out, since a dictionary holds no null.
+    VelmorDictionary propertiesDictionary() const;
+    // "VelmorEvent: " and the text form of propertiesDictionary().
+    std::string description() const override;
 
 protected:
     VelmorEvent() = default;

@@ -1,6 +1,8 @@
 #include "VelmorManager.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <mutex>
 
 #include "VelmorAttributes.h"
@@ -15,10 +17,10 @@
 
 namespace {
 
-// The five class-level strings. They outlive every manager; a mutex keeps a writer on one thread from
-// racing a reader on another.
+// The five class-level strings. They outlive every manager. A writer takes the mutex and moves the
+// version on; a reader keeps a copy per thread and takes the mutex only when the version has moved,
+// because default attributes read three of them for every decoded event.
 struct ClassStrings {
-    std::mutex mutex;
     std::string clientName = "Velmor Client";
     std::string inputPortName = "Velmor Input";
     std::string outputPortName = "Velmor Output";
@@ -26,26 +28,29 @@ struct ClassStrings {
     std::string localOutputModel = "Velmor";
 };
 
-ClassStrings& classStrings()
-{
-    static ClassStrings* strings = new ClassStrings;  // never destroyed: read until the process ends
-    return *strings;
-}
+std::mutex sClassStringsMutex;
+ClassStrings sClassStrings;                  // guarded by sClassStringsMutex
+std::atomic<std::uint64_t> sClassStringsVersion {1};
 
 void setClassString(std::string ClassStrings::*field, const std::optional<std::string>& value)
 {
     if (!value || value->empty())
         return;
-    auto& strings = classStrings();
-    std::lock_guard<std::mutex> lock(strings.mutex);
-    strings.*field = *value;
+    std::lock_guard<std::mutex> lock(sClassStringsMutex);
+    sClassStrings.*field = *value;
+    sClassStringsVersion.fetch_add(1, std::memory_order_release);
 }
 
 std::string classString(std::string ClassStrings::*field)
 {
-    auto& strings = classStrings();
-    std::lock_guard<std::mutex> lock(strings.mutex);
-    return strings.*field;
+    thread_local ClassStrings copy;
+    thread_local std::uint64_t copyVersion = 0;
+    if (sClassStringsVersion.load(std::memory_order_acquire) != copyVersion) {
+        std::lock_guard<std::mutex> lock(sClassStringsMutex);
+        copy = sClassStrings;
+        copyVersion = sClassStringsVersion.load(std::memory_order_relaxed);
+    }
+    return copy.*field;
 }
 
 VelmorOnceToken sSharedVelmorManagerOnce;
@@ -198,6 +203,116 @@ void VelmorManager::midiSourceDidSendEvent(const std::shared_ptr<VelmorRemoteSou
         return;
     if (auto delegate = delegate_.lock())
         delegate->midiSourceDidHandleEvent(source, event);
+}
+
+// --- Names of MIDI numbers ---------------------------------------------------------------------
+
+namespace {
+
+constexpr std::array<const char*, 128> kControllerNames = [] {
+    std::array<const char*, 128> names {};
+    names[0] = "Bank Select (Coarse)";
+    names[1] = "Modulation Wheel (Coarse)";
+    names[2] = "Breath Controller (Coarse)";
+    names[4] = "Foot Pedal (Coarse)";
+    names[5] = "Portamento Time (Coarse)";
+    names[6] = "Data Entry (Coarse)";
+    names[7] = "Volume (Coarse)";
+    names[8] = "Balance (Coarse)";
+    names[10] = "Pan Position (Coarse)";
+    names[11] = "Expression (Coarse)";
+    names[12] = "Effect Control 1 (Coarse)";
+    names[13] = "Effect Control 2 (Coarse)";
+    names[16] = "General Purpose Slider 1";
+    names[17] = "General Purpose Slider 2";
+    names[18] = "General Purpose Slider 3";
+    names[19] = "General Purpose Slider 4";
+    names[32] = "Bank Select (Fine)";
+    names[33] = "Modulation Wheel (Fine)";
+    names[34] = "Breath Controller (Fine)";
+    names[36] = "Foot Pedal (Fine)";
+    names[37] = "Portamento Time (Fine)";
+    names[38] = "Data Entry (Fine)";
+    names[39] = "Volume (Fine)";
+    names[40] = "Balance (Fine)";
+    names[42] = "Pan Position (Fine)";
+    names[43] = "Expression (Fine)";
+    names[44] = "Effect Control 1 (Fine)";
+    names[45] = "Effect Control 2 (Fine)";
+    names[64] = "Hold Pedal";
+    names[65] = "Portamento";
+    names[66] = "Sustenuto Pedal";
+    names[67] = "Soft Pedal";
+    names[68] = "Legato Pedal";
+    names[69] = "Hold 2 Pedal";
+    names[70] = "Sound Variation";
+    names[71] = "Sound Timbre";
+    names[72] = "Sound Release Time";
+    names[73] = "Sound Attack Time";
+    names[74] = "Sound Brightness";
+    names[75] = "Sound Control 6";
+    names[76] = "Sound Control 7";
+    names[77] = "Sound Control 8";
+    names[78] = "Sound Control 9";
+    names[79] = "Sound Control 10";
+    names[80] = "General Purpose Button 1";
+    names[81] = "General Purpose Button 2";
+    names[82] = "General Purpose Button 3";
+    names[83] = "General Purpose Button 4";
+    names[91] = "Effects Level";
+    names[92] = "Tremulo Level";
+    names[93] = "Chorus Level";
+    names[94] = "Celeste Level";
+    names[95] = "Phaser Level";
+    names[96] = "Data Button Increment";
+    names[97] = "Data Button Decrement";
+    names[98] = "Non-registered Parameter (Fine)";
+    names[99] = "Non-registered Parameter (Coarse)";
+    names[100] = "Registered Parameter (Fine)";
+    names[101] = "Registered Parameter (Coarse)";
+    names[120] = "All Sound Off";
+    names[121] = "All Controllers Off";
+    names[122] = "Local Keyboard";
+    names[123] = "All Notes Off";
+    names[124] = "Omni Mode Off";
+    names[125] = "Omni Mode On";
+    names[126] = "Mono Operation";
+    names[127] = "Poly Operation";
+    return names;
+}();
+
+constexpr std::array<const char*, 12> VelmorManager_NoteName = {
+    "C", "C\u266F", "D", "D\u266F", "E", "F", "F\u266F", "G", "G\u266F", "A", "A\u266F", "B"};
+
+// Read and written by the caller's thread; atomic so that a stray write from another thread is no race.
+std::atomic<std::int64_t> VelmorManager_NoteNameOctaveOffset {0};
+
+} // namespace
+
+std::optional<std::string> VelmorManager::controllerNameAllowCustom(std::uint64_t controller, bool allowCustom)
+{
+    if (controller < kControllerNames.size() && kControllerNames[controller])
+        return std::string(kControllerNames[controller]);
+    if (!allowCustom)
+        return std::nullopt;
+    return "Custom Controller #" + std::to_string(static_cast<long>(controller));
+}
+
+std::string VelmorManager::noteName(std::uint64_t note)
+{
+    const auto octave = static_cast<std::int64_t>(note / 12) + VelmorManager_NoteNameOctaveOffset.load();
+    return std::string(VelmorManager_NoteName[note % 12]) + std::to_string(octave);
+}
+
+std::int64_t VelmorManager::noteNameOctaveOffset()
+{
+    return VelmorManager_NoteNameOctaveOffset.load();
+}
+
+void VelmorManager::setNoteNameOctaveOffset(std::int64_t offset)
+{
+    if (offset >= -2 && offset <= 0)
+        VelmorManager_NoteNameOctaveOffset.store(offset);
 }
 
 // --- Source discovery -----------------------------------------------------------------------------

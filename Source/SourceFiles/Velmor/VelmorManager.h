@@ -95,6 +95,15 @@ public:
     std::string localOutputManufacturer() const;
     std::string localOutputModel() const;
 
+    // Names of MIDI numbers; they need no manager. A controller without a name gives null, or
+    // "Custom Controller #n" when custom names are allowed.
+    static std::optional<std::string> controllerNameAllowCustom(std::uint64_t controller, bool allowCustom);
+    // "C5" for 60 at offset 0; the sharp sign is U+266F.
+    static std::string noteName(std::uint64_t note);
+    static std::int64_t noteNameOctaveOffset();
+    // Only -2, -1 and 0 are taken; anything else is ignored.
+    static void setNoteNameOctaveOffset(std::int64_t offset);
+
     // Around each delivery of an event to the consumers of a source.
     void midiSourceWillSendEvent(const std::shared_ptr<VelmorRemoteSource>& source,
                                  const std::shared_ptr<VelmorEvent>& event);
