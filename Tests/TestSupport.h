@@ -70,6 +70,7 @@ public:
     CapturedLines(const CapturedLines&) = delete;
     CapturedLines& operator=(const CapturedLines&) = delete;
     const std::vector<std::string>& lines() const { return lines_; }
+    const std::vector<std::string>& messages() const { return lines_; }
 
 private:
     std::vector<std::string> lines_;
