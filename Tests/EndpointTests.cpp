@@ -9,12 +9,6 @@
 using namespace ObjectTestSupport;
 using namespace VelmorPlatform;
 
-// Until the manager is linked in, attributes get no default strings. Weak, so the real one wins.
-__attribute__((weak)) std::shared_ptr<VelmorManager> VelmorManager::sharedManager() { return nullptr; }
-__attribute__((weak)) std::string VelmorManager::clientName() const { return {}; }
-__attribute__((weak)) std::string VelmorManager::localOutputModel() const { return {}; }
-__attribute__((weak)) std::string VelmorManager::localOutputManufacturer() const { return {}; }
-
 namespace {
 
 constexpr std::string_view identifierProperty = "com_brightmarrow_Velmor_EndpointIdentifier";
