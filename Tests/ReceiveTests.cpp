@@ -119,6 +119,32 @@ TEST_F(ReceiveRouting, ADelegateHearsOnlyTheCallsItImplements)
     EXPECT_EQ(*journal, (Journal {"c 90 3C 41"}));
 }
 
+TEST_F(ReceiveRouting, EventsCarryTheSourcesAttributesAfterAChangeOfItsProperties)
+{
+    auto c = consumer("c");
+    source->addConsumer(c);
+    inject({0x90, 0x3C, 0x40});
+    settle();
+    service().setStringProperty(device.source, VelmorPlatform::kMIDIPropertyName, "Renamed");
+    service().setStringProperty(device.source, kIdentifierProperty, "id-7");
+    inject({0x90, 0x3C, 0x41});
+    settle();
+    source->setIndex(2);
+    inject({0x90, 0x3C, 0x42});
+    settle();
+    ASSERT_EQ(c->events.size(), 3u);
+    const auto& before = c->events[0]->sourceAttributes();
+    const auto& after = c->events[1]->sourceAttributes();
+    ASSERT_TRUE(before && after);
+    EXPECT_EQ(before->name(), std::optional<std::string>("Keys"));
+    EXPECT_EQ(before->identifier(), std::nullopt);
+    EXPECT_EQ(after->name(), std::optional<std::string>("Renamed"));
+    EXPECT_EQ(after->identifier(), std::optional<std::string>("id-7"));
+    EXPECT_EQ(after->uniqueID(), std::optional<std::int64_t>(source->uniqueID()));
+    EXPECT_EQ(c->events[2]->sourceAttributes()->index(), 2u);
+    EXPECT_NE(c->events[1]->sourceAttributes(), c->events[2]->sourceAttributes());
+}
+
 TEST_F(ReceiveRouting, ALongExclusiveMessageArrivesWhole)
 {
     auto exclusive = consumer("x");

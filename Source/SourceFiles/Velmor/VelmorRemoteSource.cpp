@@ -244,32 +244,52 @@ void VelmorRemoteSource::handlePacketList(const std::shared_ptr<VelmorPacketList
         return;
     auto manager = VelmorManager::sharedManager();
     auto source = self();
-    const auto packets = packetList->packets();
-    for (const auto& packet : packets) {
-        if (!packet)
-            continue;
-        packet->setSource(source);  // decoding reads it
-        auto event = VelmorEvent::eventWithPacket(packet);
-        if (!event)
-            continue;
-        // Hold the table: the delegate or a consumer may install another one.
-        auto table = consumerArrayForEventType(event->type());
-        const std::uint64_t channel = event->channel();
-        if (!table || channel == 0 || channel > table->size() || (*table)[channel - 1].empty())
-            continue;
-        if (manager)
-            manager->midiSourceWillSendEvent(source, event);
-        if (channel <= table->size()) {
-            // The copy: consumers may change the row while they are called.
-            const VelmorConsumerRow consumers = (*table)[channel - 1];
+    // Walk a copy of the packets: a consumer may change the list. A list of one needs no array for it.
+    const auto& packets = packetList->mutablePackets();
+    if (packets.size() == 1) {
+        const auto packet = packets.front();
+        deliver(packet, source, manager.get());
+        return;
+    }
+    const auto copy = packetList->packets();
+    for (const auto& packet : copy)
+        deliver(packet, source, manager.get());
+}
+
+void VelmorRemoteSource::deliver(const std::shared_ptr<VelmorPacket>& packet,
+                                 const std::shared_ptr<VelmorRemoteSource>& source, VelmorManager* manager)
+{
+    if (!packet)
+        return;
+    packet->setSource(source);  // decoding reads it
+    auto event = VelmorEvent::eventWithPacket(packet);
+    if (!event)
+        return;
+    // Hold the table: the delegate or a consumer may install another one.
+    const auto table = consumerArrayForEventType(event->type());
+    const std::uint64_t channel = event->channel();
+    if (!table || channel == 0 || channel > table->size() || (*table)[channel - 1].empty())
+        return;
+    if (manager)
+        manager->midiSourceWillSendEvent(source, event);
+    // The copy, taken after the delegate ran: consumers may change the row while they are called. A row
+    // of one is copied as the one reference.
+    if (channel <= table->size()) {
+        const VelmorConsumerRow& row = (*table)[channel - 1];
+        if (row.size() == 1) {
+            const auto consumer = row.front();
+            if (consumer)
+                consumer->handleMIDIEvent(event);
+        } else if (!row.empty()) {
+            const VelmorConsumerRow consumers = row;
             for (const auto& consumer : consumers) {
                 if (consumer)
                     consumer->handleMIDIEvent(event);
             }
         }
-        if (manager)
-            manager->midiSourceDidSendEvent(source, event);
     }
+    if (manager)
+        manager->midiSourceDidSendEvent(source, event);
 }
 
 // --- Identity -------------------------------------------------------------------------------------
@@ -288,11 +308,23 @@ std::optional<std::string> VelmorRemoteSource::model() const
 
 std::shared_ptr<VelmorAttributes> VelmorRemoteSource::attributes() const
 {
-    auto attributes = VelmorEndpoint::attributes();
-    // What a copy with the index replaced gives, without the round trip through the dictionary form:
-    // a copy fails where name, model or manufacturer is null, and keeps every other field.
-    if (!attributes || !attributes->name() || !attributes->model() || !attributes->manufacturer())
+    if (!endpointAttributes_)
+        endpointAttributes_ = VelmorEndpoint::attributes();
+    const auto& fields = endpointAttributes_;
+    // What a copy with the index replaced gives, without the round trip through the dictionary form: a
+    // copy fails where name, model or manufacturer is null, and keeps every other field.
+    if (!fields || !fields->name() || !fields->model() || !fields->manufacturer()) {
+        endpointAttributes_.reset();  // a failed read is not kept
         return nullptr;
+    }
+    auto attributes = VelmorAttributes::init();
+    if (!attributes)
+        return nullptr;
+    attributes->setName(fields->name());
+    attributes->setModel(fields->model());
+    attributes->setManufacturer(fields->manufacturer());
+    attributes->setUniqueID(fields->uniqueID());
+    attributes->setIdentifier(fields->identifier());
     attributes->setIndex(index_);
     return attributes;
 }
@@ -370,10 +402,11 @@ void VelmorRemoteSource::objectPropertyChanged(const VelmorNotification& notific
         return;
     const auto typeValue = type->int64Value();
     const auto objectValue = object->unsignedValue();
-    if (!typeValue || !objectValue)
+    if (!typeValue || !objectValue || static_cast<VelmorPlatform::MIDIObjectRef>(*objectValue) != this->object())
         return;
-    if (static_cast<std::int32_t>(*typeValue) == VelmorPlatform::kMIDIObjectType_Source &&
-        static_cast<VelmorPlatform::MIDIObjectRef>(*objectValue) == this->object()) {
+    // Any property of this endpoint may be one that its attributes carry.
+    endpointAttributes_.reset();
+    if (static_cast<std::int32_t>(*typeValue) == VelmorPlatform::kMIDIObjectType_Source) {
         VelmorNotificationCenter::defaultCenter().postNotificationName(VelmorRemoteSourcePropertyChangedNotification,
                                                                        self());
     }

@@ -12,6 +12,8 @@
 #include "VelmorEndpoint.h"
 #include "VelmorSource.h"
 
+class VelmorManager;
+class VelmorPacket;
 class VelmorPacketList;
 
 // Posted by a source, without user information, when one of its own properties changed.
@@ -100,7 +102,8 @@ public:
     // "Name ( Manufacturer Model )" and its variants; "Device ID#uniqueID" without any of the three.
     std::string descriptiveString() const override;
     // The endpoint's attributes with this source's index. A new value at each call; decoding asks for it
-    // once per event.
+    // once per event, so the endpoint's fields are read once and kept until the system reports a change
+    // of this source's properties (which reaches the main thread in order with the packets).
     std::shared_ptr<VelmorAttributes> attributes() const override;
     // The endpoint's test, then the index if VelmorAttributesOptionIndex is set: 0 and 1 match each other.
     bool matchesAttributesOptions(const std::shared_ptr<VelmorAttributes>& attributes,
@@ -126,9 +129,13 @@ private:
     template <class Visit>
     static void forEachRow(VelmorConsumerTable& table, std::uint64_t channel, Visit&& visit);
     void connectToInputPort();
+    void deliver(const std::shared_ptr<VelmorPacket>& packet, const std::shared_ptr<VelmorRemoteSource>& source,
+                 VelmorManager* manager);
     std::string lineWithPrefix(std::string_view prefix) const;
 
     std::uint64_t index_ = 0;
+    // What the endpoint's attributes() gave, without the index; null until asked and after a change.
+    mutable std::shared_ptr<const VelmorAttributes> endpointAttributes_;
     std::shared_ptr<VelmorConsumerTable> noteOffConsumers_;
     std::shared_ptr<VelmorConsumerTable> noteOnConsumers_;
     std::shared_ptr<VelmorConsumerTable> afterTouchConsumers_;
