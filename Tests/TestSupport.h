@@ -70,7 +70,6 @@ public:
     CapturedLines(const CapturedLines&) = delete;
     CapturedLines& operator=(const CapturedLines&) = delete;
     const std::vector<std::string>& lines() const { return lines_; }
-    // The former name of lines(), which several suites still use.
     const std::vector<std::string>& messages() const { return lines_; }
 
 private:

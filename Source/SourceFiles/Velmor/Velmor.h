@@ -1,7 +1,23 @@
 #pragma once
 
 // The umbrella header: everything an application needs.
+#include "VelmorAttributes.h"
+#include "VelmorClient.h"
+#include "VelmorConsumer.h"
 #include "VelmorData.h"
+#include "VelmorDevice.h"
+#include "VelmorEndpoint.h"
+#include "VelmorEntity.h"
+#include "VelmorEvent.h"
 #include "VelmorFailure.h"
+#include "VelmorInputPort.h"
+#include "VelmorMainQueue.h"
+#include "VelmorManager.h"
+#include "VelmorNotificationCenter.h"
+#include "VelmorObject.h"
+#include "VelmorPacket.h"
+#include "VelmorPacketList.h"
+#include "VelmorRemoteSource.h"
 #include "VelmorRootObject.h"
+#include "VelmorSource.h"
 #include "VelmorValue.h"
