@@ -49,6 +49,11 @@ public:
     VelmorData byAppending(const std::uint8_t* bytes, std::size_t length) const;
     // The bytes [start, start + length), which must lie inside the buffer. Shares storage.
     VelmorData subdata(std::size_t start, std::size_t length) const;
+    // Appends to this value itself, which then equals what byAppending would have given; other values
+    // of the storage don't change. While this value alone holds its storage, a full storage grows
+    // geometrically where it stands (for a large buffer the system may move its pages instead of copying
+    // them), so that a buffer built piece by piece is written once.
+    void append(const std::uint8_t* bytes, std::size_t length);
 
     // Null equals null only; otherwise equal bytes.
     friend bool operator==(const VelmorData& a, const VelmorData& b);
@@ -57,8 +62,12 @@ public:
     std::string description() const;
 
 private:
+    struct Release {
+        void operator()(std::uint8_t* bytes) const;
+    };
     struct Storage {
-        std::unique_ptr<std::uint8_t[]> bytes;
+        // From malloc, so that growing may reallocate in place.
+        std::unique_ptr<std::uint8_t[], Release> bytes;
         std::size_t capacity = 0;
         // How far the longest view reaches. Only the view that ends here may append in place.
         std::atomic<std::size_t> used {0};
