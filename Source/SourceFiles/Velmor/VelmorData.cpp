@@ -23,9 +23,10 @@ std::size_t grownCapacity(std::size_t total)
 
 } // namespace
 
-void VelmorData::Release::operator()(std::uint8_t* bytes) const
+VelmorData::Storage::~Storage()
 {
-    std::free(bytes);
+    if (bytes != inside)
+        std::free(bytes);
 }
 
 VelmorData VelmorData::allocate(std::size_t length, std::size_t capacity)
@@ -35,9 +36,15 @@ VelmorData VelmorData::allocate(std::size_t length, std::size_t capacity)
     data.length_ = length;
     if (capacity > 0) {
         data.storage_ = std::make_shared<Storage>();
-        data.storage_->bytes.reset(allocateBytes(capacity));
-        data.storage_->capacity = capacity;
-        data.storage_->used.store(length, std::memory_order_relaxed);
+        Storage& storage = *data.storage_;
+        if (capacity <= Storage::insideCapacity) {
+            storage.bytes = storage.inside;
+            storage.capacity = Storage::insideCapacity;
+        } else {
+            storage.bytes = allocateBytes(capacity);
+            storage.capacity = capacity;
+        }
+        storage.used.store(length, std::memory_order_relaxed);
     }
     return data;
 }
@@ -46,7 +53,7 @@ VelmorData::VelmorData(const std::uint8_t* bytes, std::size_t length)
 {
     *this = allocate(length, length);
     if (length > 0)
-        std::memcpy(storage_->bytes.get(), bytes, length);
+        std::memcpy(storage_->bytes, bytes, length);
 }
 
 VelmorData::VelmorData(std::initializer_list<std::uint8_t> bytes) : VelmorData(bytes.begin(), bytes.size()) {}
@@ -75,7 +82,7 @@ VelmorData VelmorData::byAppending(const std::uint8_t* bytes, std::size_t length
         std::size_t expected = length_;
         // Claim the bytes behind this view; fails when another view already reaches further.
         if (storage_->used.compare_exchange_strong(expected, total, std::memory_order_acq_rel)) {
-            std::memcpy(storage_->bytes.get() + length_, bytes, length);
+            std::memcpy(storage_->bytes + length_, bytes, length);
             VelmorData longer = *this;
             longer.length_ = total;
             return longer;
@@ -83,8 +90,8 @@ VelmorData VelmorData::byAppending(const std::uint8_t* bytes, std::size_t length
     }
     VelmorData grown = allocate(total, grownCapacity(total));
     if (length_ > 0)
-        std::memcpy(grown.storage_->bytes.get(), this->bytes(), length_);
-    std::memcpy(grown.storage_->bytes.get() + length_, bytes, length);
+        std::memcpy(grown.storage_->bytes, this->bytes(), length_);
+    std::memcpy(grown.storage_->bytes + length_, bytes, length);
     return grown;
 }
 
@@ -100,15 +107,19 @@ void VelmorData::append(const std::uint8_t* bytes, std::size_t length)
         std::atomic_thread_fence(std::memory_order_acquire);  // after the last other holder let go
         if (storage_->capacity < total) {
             const std::size_t capacity = grownCapacity(total);
-            if (auto* moved = static_cast<std::uint8_t*>(std::realloc(storage_->bytes.get(), capacity))) {
-                (void)storage_->bytes.release();
-                storage_->bytes.reset(moved);
-                storage_->capacity = capacity;
+            Storage& storage = *storage_;
+            if (storage.bytes == storage.inside) {
+                storage.bytes = allocateBytes(capacity);
+                std::memcpy(storage.bytes, storage.inside, length_);
+                storage.capacity = capacity;
+            } else if (auto* moved = static_cast<std::uint8_t*>(std::realloc(storage.bytes, capacity))) {
+                storage.bytes = moved;
+                storage.capacity = capacity;
             }
         }
         if (storage_->capacity >= total) {
             // Longer views that reached further are gone.
-            std::memcpy(storage_->bytes.get() + length_, bytes, length);
+            std::memcpy(storage_->bytes + length_, bytes, length);
             storage_->used.store(total, std::memory_order_relaxed);
             length_ = total;
             return;
