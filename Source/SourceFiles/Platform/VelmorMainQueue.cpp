@@ -15,10 +15,11 @@ VelmorMainQueue::VelmorMainQueue() : eventFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBL
 
 int VelmorMainQueue::fileDescriptor() const
 {
+    std::lock_guard<std::mutex> serving(servingMutex_);
     std::lock_guard<std::mutex> lock(mutex_);
     if (!descriptorWanted_) {
         descriptorWanted_ = true;
-        setSignalled(!items_.empty());
+        setSignalled(!items_.empty() || !taken_.empty());
     }
     return eventFd_;
 }
@@ -50,13 +51,20 @@ bool VelmorMainQueue::runOne()
 {
     Work work;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (items_.empty())
-            return false;
-        work = std::move(items_.front());
-        items_.pop_front();
-        if (items_.empty())
-            setSignalled(false);
+        std::lock_guard<std::mutex> serving(servingMutex_);
+        if (taken_.empty()) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (items_.empty())
+                return false;
+            taken_.swap(items_);
+        }
+        work = std::move(taken_.front());
+        taken_.pop_front();
+        if (taken_.empty() && descriptorWanted_) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (items_.empty())
+                setSignalled(false);
+        }
     }
     work();
     return true;
@@ -64,11 +72,7 @@ bool VelmorMainQueue::runOne()
 
 std::size_t VelmorMainQueue::runPending()
 {
-    std::size_t pending;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        pending = items_.size();
-    }
+    const std::size_t pending = pendingCount();
     std::size_t ran = 0;
     while (ran < pending && runOne())
         ++ran;
@@ -105,6 +109,7 @@ bool VelmorMainQueue::runUntil(const std::function<bool()>& condition, std::chro
 
 std::size_t VelmorMainQueue::pendingCount() const
 {
+    std::lock_guard<std::mutex> serving(servingMutex_);
     std::lock_guard<std::mutex> lock(mutex_);
-    return items_.size();
+    return taken_.size() + items_.size();
 }
