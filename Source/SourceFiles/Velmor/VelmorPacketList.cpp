@@ -34,6 +34,9 @@ public:
         std::memcpy(&remaining_, image, sizeof remaining_);
     }
 
+    // Platform packets not yet loaded.
+    std::uint32_t remaining() const { return remaining_; }
+
     bool next(Piece& piece)
     {
         if (!load())
@@ -89,6 +92,8 @@ std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithMIDIPacketList(const
     // joined packet.
     Packets& packets = list->mutablePackets_;
     PieceReader reader(reinterpret_cast<const std::uint8_t*>(packetList));
+    // Commonly one packet per platform packet; capped, since a message split over many joins into one.
+    packets.reserve(std::min<std::size_t>(reader.remaining(), 64));
     Piece piece;
     while (reader.next(piece)) {
         const std::shared_ptr<VelmorPacket> last = packets.empty() ? nullptr : packets.back();
