@@ -65,6 +65,45 @@ TEST(DataTest, AppendingNeverChangesAnotherView)
     EXPECT_EQ(run.subdata(10, 3), VelmorData({10, 11, 12}));
 }
 
+TEST(DataTest, AppendToItselfLeavesOtherValuesAlone)
+{
+    VelmorData grown({1, 2, 3});
+    const VelmorData copy = grown;
+    grown.append(std::vector<std::uint8_t> {4}.data(), 1);
+    EXPECT_EQ(copy, VelmorData({1, 2, 3}));
+    EXPECT_EQ(grown, VelmorData({1, 2, 3, 4}));
+
+    // A shorter view of the same storage, left alone once the longer one is gone, grows over the
+    // bytes that only the gone one could see.
+    VelmorData shorter = grown;
+    grown.append(std::vector<std::uint8_t> {5, 6}.data(), 2);
+    const VelmorData longest = grown;
+    grown = VelmorData();
+    shorter.append(std::vector<std::uint8_t> {9}.data(), 1);
+    EXPECT_EQ(shorter, VelmorData({1, 2, 3, 4, 9}));
+    EXPECT_EQ(longest, VelmorData({1, 2, 3, 4, 5, 6}));
+
+    // Its own bytes as the argument, across growth; many small appends stay equal to byAppending.
+    std::vector<std::uint8_t> expected = shorter.toVector();
+    for (int round = 0; round < 12; ++round) {
+        shorter.append(shorter.bytes(), shorter.length());
+        expected.insert(expected.end(), expected.begin(), expected.end());
+    }
+    EXPECT_EQ(shorter.toVector(), expected);
+    VelmorData run;
+    for (int i = 0; i < 100000; ++i) {
+        const std::uint8_t byte = static_cast<std::uint8_t>(i * 7);
+        run.append(&byte, 1);
+        ASSERT_EQ(run.length(), static_cast<std::size_t>(i + 1));
+    }
+    EXPECT_EQ(run[99999], static_cast<std::uint8_t>(99999 * 7));
+
+    // Null appended nothing to is empty, as with byAppending.
+    VelmorData null;
+    null.append(nullptr, 0);
+    EXPECT_EQ(null, VelmorData::empty());
+}
+
 TEST(DataTest, AppendsFromSeveralThreadsOnSharedStorage)
 {
     const VelmorData base = VelmorData::empty().byAppending(VelmorData({7, 7}));

@@ -150,6 +150,37 @@ TEST(MainQueue, ItemsKeepTheirCapturesUntilRunAndSignalWhilePending)
     EXPECT_EQ(0u, queue.runPending());
 }
 
+TEST(MainQueue, StoppingMidwayAndServingFromInsideAnItemKeepTheOrder)
+{
+    auto& queue = VelmorMainQueue::mainQueue();
+    queue.runPending();
+    const int descriptor = queue.fileDescriptor();
+    std::vector<int> log;
+    for (int i = 0; i < 3; ++i)
+        queue.post([&log, i] { log.push_back(i); });
+    // The condition holds after the first item: the others stay pending, and stay first.
+    EXPECT_TRUE(queue.runUntil([&] { return !log.empty(); }, 5s));
+    EXPECT_EQ((std::vector<int> {0}), log);
+    EXPECT_EQ(2u, queue.pendingCount());
+    EXPECT_TRUE(readable(descriptor));
+    queue.post([&log] { log.push_back(3); });
+    EXPECT_EQ(3u, queue.runPending());
+
+    // An item that serves the queue runs the items behind it, in order, before later posts.
+    std::size_t nested = 0;
+    queue.post([&] {
+        log.push_back(4);
+        queue.post([&log] { log.push_back(7); });
+        nested = queue.runPending();
+    });
+    queue.post([&log] { log.push_back(5); });
+    queue.post([&log] { log.push_back(6); });
+    EXPECT_EQ(1u, queue.runPending());
+    EXPECT_EQ(3u, nested);
+    EXPECT_EQ((std::vector<int> {0, 1, 2, 3, 4, 5, 6, 7}), log);
+    EXPECT_FALSE(readable(descriptor));
+}
+
 TEST(MainQueue, RunForAndRunUntilServeAndTimeOut)
 {
     auto& queue = VelmorMainQueue::mainQueue();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -39,14 +40,22 @@ public:
 private:
     VelmorMainQueue();
     bool runOne();
+    // True when an item was posted within a short look, which stops at `deadline`.
+    bool awaitPostBriefly(std::chrono::steady_clock::time_point deadline) const;
     void setSignalled(bool signalled) const;  // caller holds mutex_
 
+    // The serving side takes every pending item under one lock and runs them from `taken_` before it
+    // looks at `items_` again, so that posters and the server meet once per batch. Lock order:
+    // servingMutex_, then mutex_.
+    mutable std::mutex servingMutex_;
+    std::deque<Work> taken_;  // guarded by servingMutex_; older than every item in items_
     mutable std::mutex mutex_;
     std::condition_variable posted_;
     std::deque<Work> items_;
+    std::atomic<std::size_t> postedCount_ {0};  // items_.size(), for a look without the lock
     int eventFd_ = -1;
     mutable bool signalled_ = false;         // guarded by mutex_
-    mutable bool descriptorWanted_ = false;  // guarded by mutex_
+    mutable bool descriptorWanted_ = false;  // written under both mutexes, read under either
 };
 
 // Shorthands for the process's queue.

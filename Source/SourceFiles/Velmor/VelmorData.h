@@ -28,7 +28,7 @@ public:
     static VelmorData make(std::size_t length, Fill&& fill)
     {
         VelmorData data = allocate(length, length);
-        fill(data.storage_ ? data.storage_->bytes.get() : nullptr);
+        fill(data.storage_ ? data.storage_->bytes : nullptr);
         return data;
     }
 
@@ -36,7 +36,7 @@ public:
     explicit operator bool() const { return !null_; }
     std::size_t length() const { return length_; }
     std::size_t size() const { return length_; }
-    const std::uint8_t* bytes() const { return storage_ ? storage_->bytes.get() : nullptr; }
+    const std::uint8_t* bytes() const { return storage_ ? storage_->bytes : nullptr; }
     std::span<const std::uint8_t> span() const { return {bytes(), length_}; }
     const std::uint8_t* begin() const { return bytes(); }
     const std::uint8_t* end() const { return bytes() + length_; }
@@ -49,6 +49,11 @@ public:
     VelmorData byAppending(const std::uint8_t* bytes, std::size_t length) const;
     // The bytes [start, start + length), which must lie inside the buffer. Shares storage.
     VelmorData subdata(std::size_t start, std::size_t length) const;
+    // Appends to this value itself, which then equals what byAppending would have given; other values
+    // of the storage don't change. While this value alone holds its storage, a full storage grows
+    // geometrically where it stands (for a large buffer the system may move its pages instead of copying
+    // them), so that a buffer built piece by piece is written once.
+    void append(const std::uint8_t* bytes, std::size_t length);
 
     // Null equals null only; otherwise equal bytes.
     friend bool operator==(const VelmorData& a, const VelmorData& b);
@@ -58,10 +63,20 @@ public:
 
 private:
     struct Storage {
-        std::unique_ptr<std::uint8_t[]> bytes;
+        // A message's few bytes live inside, in the one allocation with the reference count.
+        static constexpr std::size_t insideCapacity = 16;
+
+        Storage() = default;
+        Storage(const Storage&) = delete;
+        Storage& operator=(const Storage&) = delete;
+        ~Storage();
+
+        // `inside`, or from malloc, so that growing may reallocate in place.
+        std::uint8_t* bytes = nullptr;
         std::size_t capacity = 0;
         // How far the longest view reaches. Only the view that ends here may append in place.
         std::atomic<std::size_t> used {0};
+        std::uint8_t inside[insideCapacity];
     };
 
     static VelmorData allocate(std::size_t length, std::size_t capacity);

@@ -212,11 +212,12 @@ bool VelmorPacket::endsInExclusiveMessage() const
     return partial() && data_[scan_.messageStart] == 0xF0;
 }
 
-void VelmorPacket::joinInPlace(const VelmorData& joined, std::uint64_t timeStamp, std::size_t noEndBefore)
+void VelmorPacket::appendInPlace(const std::uint8_t* bytes, std::size_t length, std::uint64_t timeStamp,
+                                 std::size_t noEndBefore)
 {
     if (endsInExclusiveMessage())
         scan_.scanned = std::max(scan_.scanned, noEndBefore);
-    data_ = joined;
+    data_.append(bytes, length);
     timeStamp_ = std::max(timeStamp_, timeStamp);
     source_ = nullptr;
     walk();

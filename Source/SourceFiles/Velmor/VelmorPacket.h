@@ -88,11 +88,12 @@ private:
     std::size_t platformPacketsByteSize() const;
     // Writes those platform packets at `out` and returns the position behind them.
     std::uint8_t* writePlatformPackets(std::uint8_t* out, std::uint64_t startTime) const;
-    // What packetByAppendingPacket gives for pieces of the greatest time stamp `timeStamp`, made in this
-    // packet itself: `joined` is this packet's bytes followed by theirs. Only for a packet that nobody
-    // else can see yet. When the packet ends in an exclusive message, the caller may vouch that the
-    // joined bytes before `noEndBefore` hold no 0xF7, which spares the walk a search.
-    void joinInPlace(const VelmorData& joined, std::uint64_t timeStamp, std::size_t noEndBefore = 0);
+    // What packetByAppendingPacket gives for a piece of time stamp `timeStamp`, made in this packet
+    // itself: the piece's bytes go behind this packet's in its own buffer, which grows geometrically.
+    // Only for a packet that nobody else can see yet. When the packet ends in an exclusive message, the
+    // caller may vouch that the joined bytes before `noEndBefore` hold no 0xF7, which spares the walk a
+    // search.
+    void appendInPlace(const std::uint8_t* bytes, std::size_t length, std::uint64_t timeStamp, std::size_t noEndBefore = 0);
     // True while the data ends inside an exclusive message, which only a 0xF7 can end.
     bool endsInExclusiveMessage() const;
 

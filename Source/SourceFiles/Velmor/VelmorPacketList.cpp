@@ -26,14 +26,16 @@ bool containsEndOfExclusive(const Piece& piece)
     return piece.bytes[piece.length - 1] == 0xF7;
 }
 
-// Walks a platform packet list image piece by piece, in the order of the bytes. A copy reads ahead
-// without moving the original.
+// Walks a platform packet list image piece by piece, in the order of the bytes.
 class PieceReader {
 public:
     explicit PieceReader(const std::uint8_t* image) : next_(image + 4)
     {
         std::memcpy(&remaining_, image, sizeof remaining_);
     }
+
+    // Platform packets not yet loaded.
+    std::uint32_t remaining() const { return remaining_; }
 
     bool next(Piece& piece)
     {
@@ -44,18 +46,6 @@ public:
         piece.timeStamp = timeStamp_;
         position_ += piece.length;
         return true;
-    }
-
-    // Copies the next `length` bytes, which must be whole pieces, to `out`.
-    void copy(std::uint8_t* out, std::size_t length)
-    {
-        while (length > 0 && load()) {
-            const std::size_t here = std::min(length, static_cast<std::size_t>(end_ - position_));
-            std::memcpy(out, position_, here);
-            out += here;
-            position_ += here;
-            length -= here;
-        }
     }
 
 private:
@@ -102,6 +92,8 @@ std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithMIDIPacketList(const
     // joined packet.
     Packets& packets = list->mutablePackets_;
     PieceReader reader(reinterpret_cast<const std::uint8_t*>(packetList));
+    // Commonly one packet per platform packet; capped, since a message split over many joins into one.
+    packets.reserve(std::min<std::size_t>(reader.remaining(), 64));
     Piece piece;
     while (reader.next(piece)) {
         const std::shared_ptr<VelmorPacket> last = packets.empty() ? nullptr : packets.back();
@@ -109,33 +101,13 @@ std::shared_ptr<VelmorPacketList> VelmorPacketList::initWithMIDIPacketList(const
             packets.push_back(VelmorPacket::initWithTimeOffsetTimeStampData(0, piece.timeStamp, VelmorData(piece.bytes, piece.length)));
             continue;
         }
-        if (!last->endsInExclusiveMessage()) {
-            last->joinInPlace(last->data().byAppending(piece.bytes, piece.length), piece.timeStamp);
-            continue;
-        }
-        // An open exclusive message takes every piece up to the first that brings a 0xF7. Join that run
-        // into one buffer of the right size, so that a long message is copied once and searched once.
-        PieceReader ahead = reader;
-        Piece next = piece;
-        std::size_t runLength = piece.length;
-        std::size_t noEndBefore = last->length();
-        std::uint64_t timeStamp = piece.timeStamp;
-        bool ended = containsEndOfExclusive(piece);
-        while (!ended && ahead.next(next)) {
-            noEndBefore = last->length() + runLength;
-            runLength += next.length;
-            timeStamp = std::max(timeStamp, next.timeStamp);
-            ended = containsEndOfExclusive(next);
-        }
-        if (!ended)
-            noEndBefore = last->length() + runLength;
-        const VelmorData joined = VelmorData::make(last->length() + runLength, [&](std::uint8_t* out) {
-            std::memcpy(out, last->data().bytes(), last->length());
-            std::memcpy(out + last->length(), piece.bytes, piece.length);
-            // Moves the reader behind the run.
-            reader.copy(out + last->length() + piece.length, runLength - piece.length);
-        });
-        last->joinInPlace(joined, timeStamp, noEndBefore);
+        // The piece goes behind the packet's bytes in its own buffer. An open exclusive message takes
+        // every piece up to the first that brings a 0xF7: cutting has just searched the piece, and it is
+        // copied while it is still in the cache, so a long message is read once.
+        const std::size_t before = last->length();
+        const bool exclusive = last->endsInExclusiveMessage();
+        last->appendInPlace(piece.bytes, piece.length, piece.timeStamp,
+                            exclusive && !containsEndOfExclusive(piece) ? before + piece.length : 0);
     }
     return list;
 }
