@@ -277,8 +277,8 @@ int main(int argc, char** argv)
     auto through = sourceNamed(*manager, "Midi Through Port-0");
     check(through != nullptr, "sources list Midi Through by name", names);
     check(destinationNamed("Midi Through Port-0") != 0, "outputs list Midi Through by name");
-    check(commandOutput("aconnect -l").find("Velmor VM Test") != std::string::npos,
-          "the client is named after the application");
+    check(readFile("/proc/asound/seq/clients").find("\"Velmor VM Test\"") != std::string::npos,
+          "the sequencer client is named after the application");
 
     Recorder recorder;
     recorder.start();
@@ -328,25 +328,32 @@ int main(int argc, char** argv)
                       consumer->events[0]->timeStamp() <= consumer->arrivals[0],
                   "time stamps are host time, before delivery");
 
-        // An exclusive message of 64 KiB, split by the sequencer, arrives as one event.
-        consumer->events.clear();
-        std::vector<std::uint8_t> exclusive(65536);
-        exclusive.front() = 0xF0;
-        for (std::size_t i = 1; i + 1 < exclusive.size(); ++i)
-            exclusive[i] = std::uint8_t(i * 7 % 128);
-        exclusive.back() = 0xF7;
-        const MIDITimeStamp exclusiveStart = AudioGetCurrentHostTime();
-        writeRaw(out, exclusive);
-        serveUntil([&] { return !consumer->events.empty(); }, 30000ms);
-        std::printf("MEASURE: 64 KiB exclusive device -> main thread %.1f ms\n",
-                    microseconds(AudioGetCurrentHostTime() - exclusiveStart) / 1000.0);
-        serveUntil([] { return false; }, 200ms);
-        check(consumer->events.size() == 1 && consumer->events[0]->type() == VelmorEventTypeSystem &&
-                  bytesOf(consumer->events[0]) == exclusive,
-              "a 64 KiB exclusive message arrives whole as one event",
-              std::to_string(consumer->events.size()) + " events" +
-                  (consumer->events.empty() ? "" : ", first " + std::to_string(consumer->events[0]->data().length()) +
-                                                       " bytes"));
+        // Exclusive messages, split by the sequencer, arrive whole as one event, up to 64 KiB.
+        for (std::size_t size : {std::size_t(1024), std::size_t(65536)}) {
+            consumer->events.clear();
+            std::vector<std::uint8_t> exclusive(size);
+            exclusive.front() = 0xF0;
+            for (std::size_t i = 1; i + 1 < exclusive.size(); ++i)
+                exclusive[i] = std::uint8_t(i * 7 % 128);
+            exclusive.back() = 0xF7;
+            const MIDITimeStamp exclusiveStart = AudioGetCurrentHostTime();
+            writeRaw(out, exclusive);
+            const double writeMs = microseconds(AudioGetCurrentHostTime() - exclusiveStart) / 1000.0;
+            serveUntil([&] { return !consumer->events.empty(); }, 20000ms);
+            std::printf("MEASURE: %zu-byte exclusive device -> main thread %.1f ms (write %.1f ms)\n", size,
+                        microseconds(AudioGetCurrentHostTime() - exclusiveStart) / 1000.0, writeMs);
+            serveUntil([] { return false; }, 200ms);
+            const bool whole = consumer->events.size() == 1 && consumer->events[0]->type() == VelmorEventTypeSystem &&
+                               bytesOf(consumer->events[0]) == exclusive;
+            check(whole, "an exclusive message of " + std::to_string(size) + " bytes arrives whole as one event",
+                  std::to_string(consumer->events.size()) + " events" +
+                      (consumer->events.empty()
+                           ? ""
+                           : ", first " + std::to_string(consumer->events[0]->data().length()) + " bytes"));
+            if (!whole)
+                std::printf("%s%s", readFile("/proc/asound/seq/clients").c_str(),
+                            commandOutput("cat /proc/asound/card*/midi0").c_str());
+        }
         if (out >= 0)
             close(out);
 
@@ -522,7 +529,7 @@ int main(int argc, char** argv)
         check(writeFile(gadget + "/UDC", ""), "gadget unbound");
         serveUntil([&] { return consumer->terminating > 0 && sourceNamed(*manager, "VM USB MIDI") == nullptr; },
                    15000ms);
-        check(consumer->terminating == 1, "the consumer is told sourceIsTerminating",
+        check(consumer->terminating > 0, "the consumer is told sourceIsTerminating",
               std::to_string(consumer->terminating));
         check(recorder.hasInOrder({"VelmorManager_SourcesWillChange", "VelmorManager_WillRemoveSource VM USB MIDI",
                                    "VelmorManager_DidRemoveSource VM USB MIDI", "VelmorManager_SourcesDidChange"}),

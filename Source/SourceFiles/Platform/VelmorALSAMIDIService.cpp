@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -42,9 +43,19 @@ std::uint32_t hashText(std::uint32_t hash, std::string_view text)
     return (hash ^ 0xFFu) * 16777619u;  // a separator, so that "ab"+"c" differs from "a"+"bc"
 }
 
+std::string_view trimmed(const char* text)
+{
+    std::string_view view = text ? text : "";
+    while (!view.empty() && view.back() == ' ')
+        view.remove_suffix(1);
+    return view;
+}
+
 constexpr unsigned kSourceCaps = SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ;
 constexpr unsigned kDestinationCaps = SND_SEQ_PORT_CAP_WRITE | SND_SEQ_PORT_CAP_SUBS_WRITE;
 constexpr std::size_t kMaxPacketBytes = 65535;
+// How often the names of other programs' ports are looked at: the sequencer announces no renames.
+constexpr int kRescanMs = 250;
 // An exclusive message that never ends is handed on in pieces of this size rather than kept forever.
 constexpr std::size_t kMaxPendingExclusive = std::size_t(16) << 20;
 
@@ -80,6 +91,47 @@ std::vector<std::uint8_t> packetListImage(const std::vector<std::uint8_t>& bytes
         offset += length;
     }
     return image;
+}
+
+// The sound card behind a kernel client, as the kernel lists it in /proc/asound/cards:
+//  " 1 [MIDI           ]: USB-Audio - VM USB MIDI"
+//  "                      velmor-vm VM USB MIDI at usb-dummy_hcd.0-1, high speed"
+// This needs neither the card's control device nor libasound's configuration.
+void readCardFacts(ClientFacts& facts)
+{
+    std::FILE* file = std::fopen("/proc/asound/cards", "r");
+    if (!file)
+        return;
+    char line[512];
+    bool found = false;
+    std::string name;
+    std::string driver;
+    while (std::fgets(line, sizeof line, file)) {
+        std::string text(line);
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+            text.pop_back();
+        if (found) {
+            const std::string longName = text.substr(std::min(text.size(), text.find_first_not_of(' ')));
+            const auto at = longName.find(" " + name + " at ");
+            facts.manufacturer = at != std::string::npos && at > 0 ? longName.substr(0, at) : driver;
+            break;
+        }
+        int number = -1;
+        char id[64] = {};
+        if (std::sscanf(line, " %d [%63[^]]]", &number, id) != 2 || number != facts.card)
+            continue;
+        facts.cardID = std::string(trimmed(id));
+        const auto colon = text.find("]: ");
+        const auto dash = text.find(" - ", colon);
+        if (colon == std::string::npos || dash == std::string::npos)
+            break;
+        driver = text.substr(colon + 3, dash - colon - 3);
+        name = text.substr(dash + 3);
+        facts.model = name;
+        facts.manufacturer = driver;
+        found = true;
+    }
+    std::fclose(file);
 }
 
 } // namespace
@@ -213,22 +265,13 @@ struct VelmorALSAMIDIService::State {
 
     // Service thread.
     void handleAnnouncement(const snd_seq_event_t& event);
+    void updateClient(int client, const ClientFacts& facts);
+    void rescan();
     void handleMIDI(const snd_seq_event_t& event, std::vector<std::uint8_t>& bytes);
     void dispatch();
     void enumerate();
 };
 
-namespace {
-
-std::string_view trimmed(const char* text)
-{
-    std::string_view view = text ? text : "";
-    while (!view.empty() && view.back() == ' ')
-        view.remove_suffix(1);
-    return view;
-}
-
-} // namespace
 
 VelmorALSAMIDIService::State::~State()
 {
@@ -326,27 +369,8 @@ std::optional<ClientFacts> VelmorALSAMIDIService::State::queryClient(int client)
         facts.name = snd_seq_client_info_get_name(info);
         facts.card = snd_seq_client_info_get_card(info);
     }
-    if (facts.card >= 0) {
-        snd_ctl_t* control = nullptr;
-        const std::string device = "hw:" + std::to_string(facts.card);
-        if (snd_ctl_open(&control, device.c_str(), 0) >= 0) {
-            snd_ctl_card_info_t* card = nullptr;
-            snd_ctl_card_info_alloca(&card);
-            if (snd_ctl_card_info(control, card) >= 0) {
-                facts.cardID = snd_ctl_card_info_get_id(card);
-                const std::string name = snd_ctl_card_info_get_name(card);
-                const std::string longName = snd_ctl_card_info_get_longname(card);
-                facts.model = name;
-                // USB cards are named "<manufacturer> <product> at <bus>": take the manufacturer from there.
-                const auto at = longName.find(" " + name + " at ");
-                if (at != std::string::npos && at > 0)
-                    facts.manufacturer = longName.substr(0, at);
-                else
-                    facts.manufacturer = std::string(snd_ctl_card_info_get_driver(card));
-            }
-            snd_ctl_close(control);
-        }
-    }
+    if (facts.card >= 0)
+        readCardFacts(facts);
     return facts;
 }
 
@@ -625,6 +649,7 @@ void VelmorALSAMIDIService::State::run()
     std::vector<pollfd> descriptors;
     std::vector<std::pair<snd_seq_event_t, std::vector<std::uint8_t>>> events;
     std::vector<std::uint8_t> bytes;
+    auto lastRescan = std::chrono::steady_clock::now();
     while (!stopping) {
         {
             std::lock_guard<std::mutex> lock(seqMutex);
@@ -638,7 +663,7 @@ void VelmorALSAMIDIService::State::run()
             pending = !deliveries.empty();
         }
         if (!pending)
-            poll(descriptors.data(), descriptors.size(), 1000);
+            poll(descriptors.data(), descriptors.size(), kRescanMs);
         std::uint64_t count = 0;
         [[maybe_unused]] auto got = read(wakeFd, &count, sizeof count);
         if (stopping)
@@ -679,6 +704,10 @@ void VelmorALSAMIDIService::State::run()
                 deliveries.push_back(std::move(marker));
             } else
                 handleMIDI(event, bytes);
+        }
+        if (std::chrono::steady_clock::now() - lastRescan >= std::chrono::milliseconds(kRescanMs)) {
+            rescan();
+            lastRescan = std::chrono::steady_clock::now();
         }
         dispatch();
     }
@@ -727,22 +756,72 @@ void VelmorALSAMIDIService::State::handleAnnouncement(const snd_seq_event_t& eve
         break;
     }
     case SND_SEQ_EVENT_CLIENT_CHANGE: {
-        auto client = queryClient(address.first);
-        if (!client)
-            return;
-        std::lock_guard<std::mutex> lock(mutex);
-        auto it = devices.find(address.first);
-        if (it == devices.end())
-            return;
-        Device& device = it->second;
-        const bool renamed = device.facts.name != client->name;
-        device.facts = *client;
-        if (renamed)
-            notifyProperty(device.ref, kMIDIObjectType_Device, kMIDIPropertyName);
+        if (auto client = queryClient(address.first)) {
+            std::lock_guard<std::mutex> lock(mutex);
+            updateClient(address.first, *client);
+        }
         break;
     }
     default:
         break;  // client start: its ports announce themselves
+    }
+}
+
+void VelmorALSAMIDIService::State::updateClient(int client, const ClientFacts& facts)
+{
+    auto it = devices.find(client);
+    if (it == devices.end())
+        return;
+    Device& device = it->second;
+    const bool renamed = device.facts.name != facts.name;
+    device.facts = facts;
+    if (renamed)
+        notifyProperty(device.ref, kMIDIObjectType_Device, kMIDIPropertyName);
+}
+
+// The sequencer announces no rename of a port (and not every change of a client), so the service looks
+// at the names of other programs' ports and clients from time to time.
+void VelmorALSAMIDIService::State::rescan()
+{
+    std::vector<Address> portAddresses;
+    std::vector<int> clientNumbers;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (auto& [address, port] : ports)
+            if (!port.own)
+                portAddresses.push_back(address);
+        for (auto& [number, device] : devices)
+            if (number != myClient)
+                clientNumbers.push_back(number);
+    }
+    for (int number : clientNumbers) {
+        std::string name;
+        {
+            std::lock_guard<std::mutex> lock(seqMutex);
+            snd_seq_client_info_t* info = nullptr;
+            snd_seq_client_info_alloca(&info);
+            if (snd_seq_get_any_client_info(seq, number, info) < 0)
+                continue;
+            name = snd_seq_client_info_get_name(info);
+        }
+        std::unique_lock<std::mutex> lock(mutex);
+        auto it = devices.find(number);
+        if (it == devices.end() || it->second.facts.name == name)
+            continue;
+        lock.unlock();
+        if (auto facts = queryClient(number)) {
+            lock.lock();
+            updateClient(number, *facts);
+        }
+    }
+    for (const Address& address : portAddresses) {
+        auto facts = queryPort(address);
+        if (!facts)
+            continue;  // gone: its exit is announced
+        std::lock_guard<std::mutex> lock(mutex);
+        auto it = ports.find(address);
+        if (it != ports.end() && (it->second.facts.name != facts->name || it->second.facts.caps != facts->caps))
+            updatePort(address, *facts);
     }
 }
 

@@ -34,7 +34,9 @@
 //   added device (parent 0), entity (parent device), source/destination (parent entity) when a port
 //   appears; removed in the reverse order when it goes (the device with its last port); a changed
 //   port name is a "name" change of the entity and its endpoints, a changed client name one of the
-//   device; a port that gains or loses a direction adds or removes that endpoint.
+//   device; a port that gains or loses a direction adds or removes that endpoint. The sequencer
+//   announces no rename of a port, so the service also looks at other programs' names four times a
+//   second; our own renames are reported when they are made.
 // - Our own virtual sources are announced when made and disposed of, without waiting for the kernel.
 //
 // Receiving
