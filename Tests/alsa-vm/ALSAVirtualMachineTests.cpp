@@ -110,7 +110,11 @@ struct Recorder {
             VelmorNotificationCenter::defaultCenter().addObserver(
                 this, std::string(name), [this](const VelmorNotification& notification) {
                     std::string line = notification.name;
-                    if (auto source = std::dynamic_pointer_cast<VelmorRemoteSource>(notification.object))
+                    auto object = notification.object;
+                    if (notification.userInfo)
+                        if (auto* value = notification.userInfo->objectForKey(VelmorManager_SourceKey))
+                            object = value->objectValue();
+                    if (auto source = std::dynamic_pointer_cast<VelmorRemoteSource>(object))
                         line += " " + source->name().value_or("(null)");
                     offMainThread |= std::this_thread::get_id() != mainThread;
                     lines.push_back(line);
@@ -200,11 +204,15 @@ std::vector<std::uint8_t> readRaw(int fd, std::size_t count, std::chrono::millis
     return bytes;
 }
 
+// Writes at most 256 bytes a millisecond, as a device would: dummy_hcd has no bus speed, and faster
+// bytes overrun the 4 KiB buffer between the USB driver and the sequencer inside the kernel.
 void writeRaw(int fd, const std::vector<std::uint8_t>& bytes)
 {
     std::size_t at = 0;
     while (at < bytes.size()) {
-        const ssize_t put = write(fd, bytes.data() + at, bytes.size() - at);
+        if (at)
+            std::this_thread::sleep_for(1ms);
+        const ssize_t put = write(fd, bytes.data() + at, std::min<std::size_t>(256, bytes.size() - at));
         if (put > 0)
             at += std::size_t(put);
         else {
@@ -360,6 +368,9 @@ int main(int argc, char** argv)
         // --- An event sent to the device's destination arrives as bytes on the device side -----------
         const int in = open(raw.c_str(), O_RDONLY | O_NONBLOCK);
         check(in >= 0, "gadget raw MIDI opens for reading");
+        // The gadget drops what comes before its reader's first read: start reading now.
+        std::uint8_t nothing = 0;
+        [[maybe_unused]] auto none = read(in, &nothing, 1);
         std::this_thread::sleep_for(100ms);
         auto note = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(62, 90, 2, 0);
         check(sendEvent(manager->outputPort(), usbDestination, note) == noErr, "MIDISend to the USB destination");

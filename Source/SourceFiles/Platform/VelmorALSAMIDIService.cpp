@@ -369,8 +369,12 @@ std::optional<ClientFacts> VelmorALSAMIDIService::State::queryClient(int client)
         facts.name = snd_seq_client_info_get_name(info);
         facts.card = snd_seq_client_info_get_card(info);
     }
-    if (facts.card >= 0)
+    // A new card's seq port can be announced before the card is listed: give it a moment.
+    for (int attempt = 0; facts.card >= 0 && facts.cardID.empty() && attempt < 50; ++attempt) {
+        if (attempt)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         readCardFacts(facts);
+    }
     return facts;
 }
 
