@@ -514,18 +514,32 @@ int main(int argc, char** argv)
         check(roundTrips.size() == 500, "every note of the round trip arrives");
 
         // Application level: to a consumer on the main thread.
+        // The manager's port got the probe's notes too: let the main thread hand them on first.
+        serveUntil([] { return VelmorMainQueue::mainQueue().pendingCount() == 0; }, 5000ms);
         auto consumerProbe = std::make_shared<Consumer>();
         through->addConsumer(consumerProbe);
         roundTrips.clear();
+        std::size_t stray = 0;
         for (int i = 0; i < 200; ++i) {
             consumerProbe->events.clear();
             consumerProbe->arrivals.clear();
-            auto event = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(61, 100, 1, 0);
+            // Each note carries its own velocity, so that a late or doubled note can't pass for this one.
+            const std::uint64_t velocity = 1 + i % 127;
+            auto event = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(61, velocity, 1, 0);
+            auto arrivedAt = [&]() -> std::optional<std::size_t> {
+                for (std::size_t k = 0; k < consumerProbe->events.size(); ++k)
+                    if (consumerProbe->events[k]->velocity() == velocity)
+                        return k;
+                return std::nullopt;
+            };
             const MIDITimeStamp sent = AudioGetCurrentHostTime();
             sendEvent(manager->outputPort(), throughDestination, event);
-            if (serveUntil([&] { return !consumerProbe->events.empty(); }, 1000ms))
-                roundTrips.push_back(microseconds(consumerProbe->arrivals[0] - sent));
+            if (serveUntil([&] { return arrivedAt().has_value(); }, 1000ms))
+                roundTrips.push_back(microseconds(consumerProbe->arrivals[*arrivedAt()] - sent));
+            stray += consumerProbe->events.size() - (arrivedAt() ? 1 : 0);
         }
+        check(roundTrips.size() == 200 && stray == 0, "every note reaches the consumer once",
+              std::to_string(roundTrips.size()) + " arrived, " + std::to_string(stray) + " stray");
         through->removeConsumer(consumerProbe);
         p = percentiles(roundTrips);
         std::printf("MEASURE: note round trip to a consumer on the main thread: %zu notes, median %.0f us, "
