@@ -6,11 +6,13 @@
 #   Tests/alsa-vm/run-vm-suite.sh           install what is missing, build, boot
 #   Tests/alsa-vm/run-vm-suite.sh boot      boot the last build again
 #   WORK=dir, VM_ACCEL=kvm                  where to build (default build-alsa-vm/), qemu's accelerator
+#   VM_SANITIZE=address|thread              the test program under AddressSanitizer+UBSan or TSan
 set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 ROOT=$(cd "$HERE/../.." && pwd)
-WORK=${WORK:-$ROOT/build-alsa-vm}
-KROOT=$WORK/kernel                 # the unpacked kernel package
+VM_SANITIZE=${VM_SANITIZE:-}
+WORK=${WORK:-$ROOT/build-alsa-vm${VM_SANITIZE:+-$VM_SANITIZE}}
+KROOT=${KROOT:-$ROOT/build-alsa-vm/kernel}  # the unpacked kernel package, shared by all builds
 BOOT_TIMEOUT=${BOOT_TIMEOUT:-420}  # seconds for the whole VM run
 MODULES="snd-seq-dummy snd-hrtimer configfs dummy_hcd usb_f_midi snd-usb-audio snd-seq-midi"
 mkdir -p "$WORK"
@@ -81,8 +83,16 @@ extract_vmlinux() {
 
 build() {
     local t0; t0=$(t)
+    local flags=()
+    case "$VM_SANITIZE" in
+        address) flags=(-DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-sanitize-recover=all"
+                        -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined) ;;
+        thread) flags=(-DCMAKE_CXX_FLAGS=-fsanitize=thread -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread) ;;
+        "") ;;
+        *) log "FAIL: VM_SANITIZE is address or thread"; exit 2 ;;
+    esac
     timeout 900 cmake -S "$ROOT" -B "$WORK/cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DVELMOR_BUILD_BENCHMARKS=OFF -DVELMOR_BUILD_TOOLS=OFF >/dev/null
+        -DVELMOR_BUILD_BENCHMARKS=OFF -DVELMOR_BUILD_TOOLS=OFF "${flags[@]}" >/dev/null
     timeout 900 cmake --build "$WORK/cmake" -j2 --target velmor_alsa_vm_tests >&2
     local program=$WORK/cmake/Tests/alsa-vm/velmor_alsa_vm_tests
     [ -x "$program" ] || { log "FAIL: test program not built"; exit 1; }
@@ -95,7 +105,7 @@ build() {
     cp /bin/busybox "$R/bin/busybox"
     for a in $(/bin/busybox --list); do [ -e "$R/bin/$a" ] || ln -s busybox "$R/bin/$a"; done
     cp "$program" /usr/bin/aconnect /usr/bin/aseqdump "$R/bin/"
-    strip "$R/bin/velmor_alsa_vm_tests" 2>/dev/null || true
+    [ -n "$VM_SANITIZE" ] || strip "$R/bin/velmor_alsa_vm_tests" 2>/dev/null || true
     for f in $(ldd "$program" /usr/bin/aconnect /usr/bin/aseqdump |
                awk '$2 == "=>" && $3 ~ /^\// {print $3} $1 ~ /^\/.*ld-linux/ {print $1}' | sort -u); do
         mkdir -p "$R$(dirname "$f")"
