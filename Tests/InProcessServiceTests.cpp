@@ -103,6 +103,12 @@ std::vector<std::uint8_t> makeImage(const std::vector<std::pair<MIDITimeStamp, s
 struct ServiceTest : ::testing::Test {
     std::shared_ptr<VelmorInProcessMIDIService> service = VelmorInProcessMIDIService::create();
 
+    // Logs live on a test's stack: callbacks still queued at its end must run before they go.
+    struct IdleOnExit {
+        VelmorInProcessMIDIService& service;
+        ~IdleOnExit() { service.waitUntilIdle(); }
+    };
+
     MIDIClientRef client(NotifyLog* log)
     {
         MIDIClientRef ref = 0;
@@ -184,6 +190,7 @@ TEST_F(ServiceTest, ObjectTreeEnumerationAndProperties)
 TEST_F(ServiceTest, NotificationRecordsInOrderToEveryClientOnTheServiceThread)
 {
     NotifyLog first, second;
+    IdleOnExit idle {*service};
     const auto clientA = client(&first);
     client(&second);
 
@@ -235,6 +242,7 @@ TEST_F(ServiceTest, VirtualSourcesAndPacketsReachEveryConnectedPort)
     const auto owner = client(&log);
     const auto listener = client(nullptr);
     ReadLog readA, readB;
+    IdleOnExit idle {*service};
     const auto portA = inputPort(listener, &readA);
     const auto portB = inputPort(owner, &readB);
 
@@ -287,6 +295,7 @@ TEST_F(ServiceTest, InjectionCutsLongDataAndChecksImages)
 {
     const auto device = service->createSimpleDevice("D", "M", "X");
     ReadLog read;
+    IdleOnExit idle {*service};
     const auto port = inputPort(client(nullptr), &read);
     ASSERT_EQ(noErr, service->portConnectSource(port, device.source, nullptr));
 
@@ -581,6 +590,7 @@ TEST_F(ServiceTest, DisposeFromInsideACallbackDoesNotDeadlock)
 TEST_F(ServiceTest, ManyThreadsBuildAndReadTheSameGraph)
 {
     NotifyLog log;
+    IdleOnExit idle {*service};
     client(&log);
     constexpr int threads = 4, perThread = 50;
     std::vector<std::thread> workers;

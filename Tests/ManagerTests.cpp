@@ -201,7 +201,7 @@ TEST(ManagerStart, AFailedStartIsNotTriedAgain)
     EXPECT_EQ(VelmorManager::sharedManager(), nullptr);
     EXPECT_EQ(VelmorManager::sharedManager(), nullptr);
     EXPECT_EQ(service().callCount("MIDIClientCreate"), 1u);
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorClient.cpp] noErr == status failed with -10830",
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorClient.cpp] noErr == status failed with -10830",
                                                           "[VelmorManager.cpp] client != nil failed"}));
     // Without a manager, default attributes have nothing to take their strings from, and a source has
     // no port to connect to: nothing breaks.
@@ -236,7 +236,7 @@ TEST(ManagerStart, EachFailingStepLeavesNothingBehind)
         service().failNextCalls(c.call, kMIDIInvalidClient);
         CapturedLines lines;
         EXPECT_EQ(VelmorManager::init(), nullptr) << c.call;
-        EXPECT_EQ(lines.messages(), c.lines) << c.call;
+        EXPECT_EQ(lines.lines(), c.lines) << c.call;
         const auto calls = recording->calls();
         EXPECT_EQ(std::vector<std::string>(calls.begin() + before, calls.end()), c.calls) << c.call;
     }

@@ -65,7 +65,7 @@ TEST_F(ReceiveRouting, EachEventReachesExactlyTheConsumersOfItsRow)
     EXPECT_EQ(exclusive->heard(), (std::vector<std::string> {"F0 43 10 4C 00 7F F7"}));
     EXPECT_EQ(system->heard(), (std::vector<std::string> {"F8", "F0 43 10 4C 00 7F F7"}));
     EXPECT_EQ(channel16->heard(), (std::vector<std::string> {"BF 07 64", "EF 00 40"}));
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorEvent.cpp] ( eventType & 0x80 ) failed with 48"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorEvent.cpp] ( eventType & 0x80 ) failed with 48"}));
 
     for (const auto& c : {all, notesOn1, notesOnAny, noteOff, clock, exclusive, system, channel16})
         EXPECT_TRUE(c->onMainThread);
@@ -219,7 +219,7 @@ TEST_F(ReceiveReentrancy, ADelegateThatEmptiesTheRowLeavesTheEventToNobody)
     settle();
     // The rest of the list still runs after the disconnect; the second event finds an empty row.
     EXPECT_EQ(*journal, (Journal {"will 90 3C 40", "did 90 3C 40"}));
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )"}));
     EXPECT_FALSE(connected());
 }
 
@@ -293,7 +293,7 @@ TEST_F(ReceiveConnection, RegistrationConnectsOnceAndOnlyDecidingRemovalsDisconn
     // The line is written whenever every row is empty, connected or not.
     source->removeConsumerForAllEventsInChannel(nullptr, 0);
     EXPECT_EQ(s.callCount("MIDIPortDisconnectSource"), 1u);
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )",
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )",
                                                           "[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )"}));
 }
 
@@ -323,7 +323,7 @@ TEST_F(ReceiveConnection, EachServiceFaultHasItsLineAndLeavesARetry)
     s.failNextCalls("MIDIPortConnectSource", VelmorPlatform::kMIDIInvalidPort);
     source->addConsumer(c);
     EXPECT_FALSE(connected());
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorInputPort.cpp] noErr == status failed with -10831"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorInputPort.cpp] noErr == status failed with -10831"}));
     source->addConsumerForEventTypeInChannel(c, VelmorEventTypeNoteOn, 1);
     EXPECT_TRUE(connected());
 
@@ -344,7 +344,7 @@ TEST_F(ReceiveConnection, EachServiceFaultHasItsLineAndLeavesARetry)
     inject({0x90, 0x3C, 0x41});
     settle();
     EXPECT_EQ(c->heard(), (std::vector<std::string> {"90 3C 40"}));
-    EXPECT_EQ(lines.messages().size(), 3u);  // the first line and two "Removing MIDI Source"
+    EXPECT_EQ(lines.lines().size(), 3u);  // the first line and two "Removing MIDI Source"
 }
 
 TEST(InputPort, ConstructionRefusalsAndAReadProcedureOfItsOwn)
@@ -359,7 +359,7 @@ TEST(InputPort, ConstructionRefusalsAndAReadProcedureOfItsOwn)
     EXPECT_TRUE(lines.lines().empty());
     s.failNextCalls("MIDIInputPortCreate", VelmorPlatform::kMIDIInvalidClient);
     EXPECT_EQ(VelmorInputPort::initWithClientNameReadProc(client, std::string("In"), nullptr), nullptr);
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorInputPort.cpp] noErr == status failed with -10830"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorInputPort.cpp] noErr == status failed with -10830"}));
 
     // A given read procedure gets the lists and the port; the port itself then gets nothing.
     static std::atomic<void*> seenPort {nullptr};
@@ -431,7 +431,7 @@ TEST_F(ReceiveTermination, RemovingTheDeviceTellsEachRowsConsumersAndEndsDeliver
     EXPECT_EQ(positions[2], journal->size() - 1);
     EXPECT_FALSE(connected());
     EXPECT_TRUE(manager->sources().empty());
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Keys ( Acme / K1 )"}));
 
     // The rows keep their consumers; nothing reaches them any more.
     EXPECT_EQ((*source->noteOnConsumers())[0].size(), 2u);

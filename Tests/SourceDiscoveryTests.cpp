@@ -102,7 +102,7 @@ TEST(SourceDiscovery, GroupsAreNumberedInListOrderAsSourcesComeAndGo)
     ASSERT_EQ(service().removeObject(c), VelmorPlatform::noErr);
     settle();
     EXPECT_EQ(namesAndIndices(manager->sources()), (std::vector<std::string> {"Solo:1", "Twin:0", "Solo:2"}));
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Twin ( Acme / K1 )"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Removing MIDI Source: Twin ( Acme / K1 )"}));
     EXPECT_EQ(recorder.names(), (std::vector<std::string> {
                                     "VelmorManager_SourcesWillChange", "VelmorManager_DidAddSource",
                                     "VelmorManager_SourcesDidChange", "VelmorManager_SourcesWillChange",
@@ -177,7 +177,7 @@ TEST(SourceDiscovery, ExternalSourcesCountAndSourcesThatCannotBeMadeAreTriedAgai
     settle();
     EXPECT_TRUE(manager->sources().empty());
     EXPECT_TRUE(recorder.received.empty());
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorObject.cpp] noErr == status failed with -10835"}));
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorObject.cpp] noErr == status failed with -10835"}));
 
     // Any later message about a source runs a pass, which picks it up.
     makeSource("Near");
@@ -278,7 +278,7 @@ TEST(RemoteSource, ConstructionLinesAndTextForms)
     auto keysSource = VelmorRemoteSource::initWithEndpointRefRequestedUniqueID(keys, 77);
     auto makerSource = VelmorRemoteSource::initWithEndpointRefRequestedUniqueID(maker, std::nullopt);
     ASSERT_TRUE(bareSource && keysSource && makerSource);
-    EXPECT_EQ(lines.messages(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Created MIDI Source: Bare (  /  )",
+    EXPECT_EQ(lines.lines(), (std::vector<std::string> {"[VelmorRemoteSource.cpp] Created MIDI Source: Bare (  /  )",
                                                           "[VelmorRemoteSource.cpp] Created MIDI Source: Keys ( Acme / K1 )",
                                                           "[VelmorRemoteSource.cpp] Created MIDI Source: Keys ( Acme /  )"}));
     // A source never writes a unique ID.

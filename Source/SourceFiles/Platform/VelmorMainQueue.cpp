@@ -13,9 +13,19 @@ VelmorMainQueue& VelmorMainQueue::mainQueue()
 
 VelmorMainQueue::VelmorMainQueue() : eventFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-void VelmorMainQueue::setSignalled(bool signalled)
+int VelmorMainQueue::fileDescriptor() const
 {
-    if (signalled == signalled_ || eventFd_ < 0)
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!descriptorWanted_) {
+        descriptorWanted_ = true;
+        setSignalled(!items_.empty());
+    }
+    return eventFd_;
+}
+
+void VelmorMainQueue::setSignalled(bool signalled) const
+{
+    if (!descriptorWanted_ || signalled == signalled_ || eventFd_ < 0)
         return;
     signalled_ = signalled;
     std::uint64_t value = 1;

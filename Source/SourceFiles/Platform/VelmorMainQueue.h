@@ -28,8 +28,9 @@ public:
     void runFor(std::chrono::nanoseconds duration);
     // Serves the queue until `condition` holds or `timeout` has passed; returns the condition's last answer.
     bool runUntil(const std::function<bool()>& condition, std::chrono::nanoseconds timeout);
-    // Readable while work is pending.
-    int fileDescriptor() const { return eventFd_; }
+    // Readable while work is pending. The descriptor is kept up to date only from the first call on, so
+    // that a queue served without it pays no system call per post.
+    int fileDescriptor() const;
     std::size_t pendingCount() const;
 
     VelmorMainQueue(const VelmorMainQueue&) = delete;
@@ -38,13 +39,14 @@ public:
 private:
     VelmorMainQueue();
     bool runOne();
-    void setSignalled(bool signalled);  // caller holds mutex_
+    void setSignalled(bool signalled) const;  // caller holds mutex_
 
     mutable std::mutex mutex_;
     std::condition_variable posted_;
     std::deque<Work> items_;
     int eventFd_ = -1;
-    bool signalled_ = false;
+    mutable bool signalled_ = false;         // guarded by mutex_
+    mutable bool descriptorWanted_ = false;  // guarded by mutex_
 };
 
 // Shorthands for the process's queue.

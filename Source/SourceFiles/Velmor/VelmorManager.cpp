@@ -19,10 +19,10 @@ namespace {
 // their own constant of this value.
 constexpr std::string_view kLocalOutputPropertyChangedNotification = "VelmorLocalOutputPropertyChanged";
 
-// The five class-level strings. They outlive every manager; a mutex keeps a writer on one thread from
-// racing a reader on another.
+// The five class-level strings. They outlive every manager. A writer takes the mutex and moves the
+// version on; a reader keeps a copy per thread and takes the mutex only when the version has moved,
+// because default attributes read three of them for every decoded event.
 struct ClassStrings {
-    std::mutex mutex;
     std::string clientName = "Velmor Client";
     std::string inputPortName = "Velmor Input";
     std::string outputPortName = "Velmor Output";
@@ -30,26 +30,29 @@ struct ClassStrings {
     std::string localOutputModel = "Velmor";
 };
 
-ClassStrings& classStrings()
-{
-    static ClassStrings* strings = new ClassStrings;  // never destroyed: read until the process ends
-    return *strings;
-}
+std::mutex sClassStringsMutex;
+ClassStrings sClassStrings;                  // guarded by sClassStringsMutex
+std::atomic<std::uint64_t> sClassStringsVersion {1};
 
 void setClassString(std::string ClassStrings::*field, const std::optional<std::string>& value)
 {
     if (!value || value->empty())
         return;
-    auto& strings = classStrings();
-    std::lock_guard<std::mutex> lock(strings.mutex);
-    strings.*field = *value;
+    std::lock_guard<std::mutex> lock(sClassStringsMutex);
+    sClassStrings.*field = *value;
+    sClassStringsVersion.fetch_add(1, std::memory_order_release);
 }
 
 std::string classString(std::string ClassStrings::*field)
 {
-    auto& strings = classStrings();
-    std::lock_guard<std::mutex> lock(strings.mutex);
-    return strings.*field;
+    thread_local ClassStrings copy;
+    thread_local std::uint64_t copyVersion = 0;
+    if (sClassStringsVersion.load(std::memory_order_acquire) != copyVersion) {
+        std::lock_guard<std::mutex> lock(sClassStringsMutex);
+        copy = sClassStrings;
+        copyVersion = sClassStringsVersion.load(std::memory_order_relaxed);
+    }
+    return copy.*field;
 }
 
 VelmorOnceToken sSharedVelmorManagerOnce;
