@@ -157,6 +157,8 @@ std::vector<std::uint8_t> packetListImage(const std::vector<std::vector<std::uin
 
 int main()
 {
+    // Line by line, so that the framework's own lines on standard error fall between ours.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::printf("Velmor demo on the in-process MIDI service\n");
     VelmorManager::setClientName("Velmor Demo");
     auto service = VelmorInProcessMIDIService::sharedService();

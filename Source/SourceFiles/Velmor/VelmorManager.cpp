@@ -10,14 +10,12 @@
 #include "VelmorEndpoint.h"
 #include "VelmorFailure.h"
 #include "VelmorInputPort.h"
+#include "VelmorLocalOutput.h"
 #include "VelmorOnce.h"
+#include "VelmorRemoteOutput.h"
 #include "VelmorRemoteSource.h"
 
 namespace {
-
-// The property notification of virtual outputs, observed from the start; the output classes come with
-// their own constant of this value.
-constexpr std::string_view kLocalOutputPropertyChangedNotification = "VelmorLocalOutputPropertyChanged";
 
 // The five class-level strings. They outlive every manager. A writer takes the mutex and moves the
 // version on; a reader keeps a copy per thread and takes the mutex only when the version has moved,
@@ -113,7 +111,7 @@ bool VelmorManager::construct()
     center.addObserver(self, &VelmorManager::objectAddedRemoved, VelmorClient_ObjectRemovedNotification);
     center.addObserver(self, &VelmorManager::endpointPropertyChanged, VelmorEndpointPropertyChangedNotification);
     center.addObserver(self, &VelmorManager::endpointPropertyChanged, VelmorRemoteSourcePropertyChangedNotification);
-    center.addObserver(self, &VelmorManager::endpointPropertyChanged, kLocalOutputPropertyChangedNotification);
+    center.addObserver(self, &VelmorManager::endpointPropertyChanged, VelmorLocalOutputPropertyChangedNotification);
     // setDelegate() refreshes delegateFlags_ from here on; both start cleared.
     delegate_.reset();
     delegateFlags_ = DelegateFlags {0, 0, 0};
@@ -126,7 +124,9 @@ VelmorManager::~VelmorManager()
     // The input port before the client, whose teardown disposes of the platform client; the output
     // lists go between the port and the sources.
     inputPort_.reset();
+    mutableRemoteOutputs_.reset();
     mutableSources_.reset();
+    mutableLocalOutputs_.clear();
     client_.reset();
 }
 
@@ -453,7 +453,8 @@ void VelmorManager::objectAddedRemoved(const VelmorNotification& notification)
     childType &= ~VelmorPlatform::kMIDIObjectType_ExternalMask;
     if (childType == VelmorPlatform::kMIDIObjectType_Source)
         findSourcesWithNotifications(true);
-    // Destinations (type 3) run the pass of the remote outputs, which comes with the sending work.
+    else if (childType == VelmorPlatform::kMIDIObjectType_Destination)
+        findRemoteOutputsWithNotifications(true);
 }
 
 void VelmorManager::endpointPropertyChanged(const VelmorNotification& notification)
@@ -461,7 +462,23 @@ void VelmorManager::endpointPropertyChanged(const VelmorNotification& notificati
     const VelmorRootObject* object = notification.object.get();
     if (!object)
         return;
-    // The two output tests (local, then remote list) come first, with the sending work.
+    // Three independent tests: an object in more than one list is reported for each.
+    const auto postOutputChanged = [&] {
+        VelmorDictionary userInfo;
+        userInfo.setObjectForKey(VelmorValue(notification.object), VelmorManager_OutputKey);
+        VelmorNotificationCenter::defaultCenter().postNotificationName(VelmorManager_OutputPropertyChangedNotification,
+                                                                       shared_from_this(), std::move(userInfo));
+    };
+    if (std::any_of(mutableLocalOutputs_.begin(), mutableLocalOutputs_.end(),
+                    [object](const std::shared_ptr<VelmorLocalOutput>& output) {
+                        return static_cast<const VelmorRootObject*>(output.get()) == object;
+                    }))
+        postOutputChanged();
+    if (mutableRemoteOutputs_ && std::any_of(mutableRemoteOutputs_->begin(), mutableRemoteOutputs_->end(),
+                                             [object](const std::shared_ptr<VelmorRemoteOutput>& output) {
+                                                 return static_cast<const VelmorRootObject*>(output.get()) == object;
+                                             }))
+        postOutputChanged();
     if (mutableSources_) {
         const bool listed = std::any_of(mutableSources_->begin(), mutableSources_->end(),
                                         [object](const std::shared_ptr<VelmorRemoteSource>& source) {
@@ -474,4 +491,197 @@ void VelmorManager::endpointPropertyChanged(const VelmorNotification& notificati
                                                                            shared_from_this(), std::move(userInfo));
         }
     }
+}
+
+// --- Output discovery -----------------------------------------------------------------------------
+
+std::vector<std::shared_ptr<VelmorLocalOutput>> VelmorManager::localOutputs() const
+{
+    return mutableLocalOutputs_;
+}
+
+std::vector<std::shared_ptr<VelmorRemoteOutput>> VelmorManager::remoteOutputs()
+{
+    if (!mutableRemoteOutputs_) {
+        mutableRemoteOutputs_.emplace();
+        findRemoteOutputsWithNotifications(false);
+    }
+    return *mutableRemoteOutputs_;
+}
+
+std::shared_ptr<VelmorOutput> VelmorManager::outputWithAttributes(const std::shared_ptr<VelmorAttributes>& attributes)
+{
+    if (auto local = outputInArrayWithAttributes(mutableLocalOutputs_, attributes))
+        return local;
+    // An identifier names a virtual output of this process; destinations are not searched for it.
+    if (attributes && attributes->identifier())
+        return nullptr;
+    if (!mutableRemoteOutputs_) {
+        // Unlike the first remoteOutputs(), this first build tells its observers.
+        mutableRemoteOutputs_.emplace();
+        findRemoteOutputsWithNotifications(true);
+    }
+    if (!mutableRemoteOutputs_)
+        return nullptr;  // an observer of that pass flushed the manager
+    return outputInArrayWithAttributes(*mutableRemoteOutputs_, attributes);
+}
+
+std::size_t VelmorManager::positionOfOutputWithAttributes(
+    std::size_t count, const std::function<const VelmorEndpoint*(std::size_t)>& endpointAt,
+    const std::shared_ptr<VelmorAttributes>& attributes) const
+{
+    if (!attributes)
+        return count;
+    const std::string localManufacturer = localOutputManufacturer();
+    const auto identifier = attributes->identifier();
+    const auto name = attributes->name();
+    const auto model = attributes->model();
+    const auto manufacturer = attributes->manufacturer();
+    const auto uniqueID = attributes->uniqueID();
+    const bool defaultAttributes = manufacturer && *manufacturer == localManufacturer;
+
+    // A null attribute is a wildcard; a null on the output's side never equals anything.
+    auto differs = [](const std::optional<std::string>& wanted, const std::optional<std::string>& actual) {
+        return wanted && (!actual || *wanted != *actual);
+    };
+    std::size_t firstCandidate = count;
+    for (std::size_t position = 0; position < count; ++position) {
+        const VelmorEndpoint* output = endpointAt(position);
+        if (!output)
+            continue;
+        if (identifier) {
+            if (equalStrings(output->identifier(), identifier))
+                return position;
+            continue;
+        }
+        if (defaultAttributes) {
+            const auto outputIdentifier = output->identifier();
+            if (outputIdentifier && !outputIdentifier->empty() && equalStrings(output->name(), name))
+                return position;
+            continue;
+        }
+        if (differs(manufacturer, output->manufacturer()) || differs(model, output->model()))
+            continue;
+        // An equal unique ID ends the walk; a different one excludes nothing.
+        if (uniqueID && output->uniqueID() == *uniqueID)
+            return position;
+        if (differs(name, output->name()))
+            continue;
+        if (firstCandidate == count)
+            firstCandidate = position;
+    }
+    return firstCandidate;
+}
+
+std::shared_ptr<VelmorLocalOutput> VelmorManager::openVirtualOutputWithAttributes(
+    const std::shared_ptr<VelmorAttributes>& attributes)
+{
+    if (!attributes)
+        return nullptr;
+    auto output = VelmorLocalOutput::initWithClientAttributes(client_, attributes);
+    if (!output)
+        return nullptr;
+    mutableLocalOutputs_.push_back(output);
+    return output;
+}
+
+std::shared_ptr<VelmorOutput> VelmorManager::updateVirtualOutputWithAttributes(
+    const std::shared_ptr<VelmorAttributes>& attributes)
+{
+    if (!attributes)
+        return nullptr;
+    auto output = outputWithAttributes(attributes);
+    if (!output)
+        return nullptr;
+    // Identifier and unique ID are what find an output again: they are not rewritten.
+    if (auto* endpoint = dynamic_cast<VelmorEndpoint*>(output.get())) {
+        endpoint->setName(attributes->name());
+        endpoint->setModel(attributes->model());
+        endpoint->setManufacturer(attributes->manufacturer());
+    }
+    return output;
+}
+
+void VelmorManager::closeVirtualOutput(const std::shared_ptr<VelmorOutput>& output)
+{
+    auto local = std::dynamic_pointer_cast<VelmorLocalOutput>(output);
+    if (!local)
+        return;
+    const auto listed = std::find(mutableLocalOutputs_.begin(), mutableLocalOutputs_.end(), local);
+    if (listed == mutableLocalOutputs_.end())
+        return;
+    local->closeObject();
+    std::erase(mutableLocalOutputs_, local);
+    VelmorNotificationCenter::defaultCenter().postNotificationName(VelmorManager_OutputsDidChangeNotification,
+                                                                   shared_from_this());
+}
+
+bool VelmorManager::findRemoteOutputsWithNotifications(bool postNotifications)
+{
+    if (!mutableRemoteOutputs_)
+        return false;
+    std::vector<std::shared_ptr<VelmorRemoteOutput>> added;
+    std::vector<std::shared_ptr<VelmorRemoteOutput>> gone = *mutableRemoteOutputs_;
+
+    const VelmorPlatform::ItemCount count = VelmorPlatform::MIDIGetNumberOfDestinations();
+    for (VelmorPlatform::ItemCount position = count; position-- > 0;) {
+        const VelmorPlatform::MIDIEndpointRef endpoint = VelmorPlatform::MIDIGetDestination(position);
+        const auto& list = *mutableRemoteOutputs_;
+        const auto found = std::find_if(list.begin(), list.end(), [endpoint](const std::shared_ptr<VelmorRemoteOutput>& output) {
+            return output->object() == endpoint;
+        });
+        if (found != list.end()) {
+            if (const auto inGone = std::find(gone.begin(), gone.end(), *found); inGone != gone.end())
+                gone.erase(inGone);
+            continue;
+        }
+        // A destination that can't be wrapped now is tried again at the next pass.
+        if (auto output = VelmorRemoteOutput::initWithEndpointRefOutputPort(endpoint, outputPort_))
+            added.push_back(std::move(output));
+    }
+    if (added.empty() && gone.empty())
+        return false;
+
+    // Observers run inside the pass and may flush the manager: every step checks that the list is there.
+    auto self = shared_from_this();
+    auto& center = VelmorNotificationCenter::defaultCenter();
+    if (postNotifications)
+        center.postNotificationName(VelmorManager_OutputsWillChangeNotification, self);
+    for (const auto& output : added) {
+        if (mutableRemoteOutputs_)
+            mutableRemoteOutputs_->push_back(output);
+        if (postNotifications)
+            center.postNotificationName(VelmorManager_DidAddOutputNotification, output);
+    }
+    for (const auto& output : gone) {
+        if (postNotifications)
+            center.postNotificationName(VelmorManager_WillRemoveOutputNotification, output);
+        if (mutableRemoteOutputs_)
+            std::erase(*mutableRemoteOutputs_, output);
+        if (postNotifications)
+            center.postNotificationName(VelmorManager_DidRemoveOutputNotification, output);
+    }
+    if (postNotifications)
+        center.postNotificationName(VelmorManager_OutputsDidChangeNotification, self);
+    return true;
+}
+
+void VelmorManager::flushManager()
+{
+    // A copy: each close changes the list.
+    const auto localOutputs = mutableLocalOutputs_;
+    for (const auto& output : localOutputs)
+        closeVirtualOutput(output);
+
+    if (mutableRemoteOutputs_)
+        mutableRemoteOutputs_->clear();
+    mutableRemoteOutputs_.reset();
+
+    if (mutableSources_) {
+        // willBeRemoved tells consumers, who may call back into the manager: walk a copy.
+        const auto sources = *mutableSources_;
+        for (const auto& source : sources)
+            source->willBeRemoved();
+    }
+    mutableSources_.reset();
 }

@@ -1,14 +1,20 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "VelmorEndpoint.h"
+#include "VelmorLocalOutput.h"
 #include "VelmorMIDIServices.h"
 #include "VelmorNotificationCenter.h"
+#include "VelmorOutput.h"
+#include "VelmorRemoteOutput.h"
 #include "VelmorRootObject.h"
 
 class VelmorAttributes;
@@ -150,19 +156,84 @@ public:
     }
 
     // --- Output discovery -------------------------------------------------------------------------
-    // (filled in with the sending work: the two output lists go between delegate_ and inputPort_ in
-    // declaration order, and flushManager() ends with willBeRemoved() on each source and a null
-    // mutableSources_.)
+    // Main thread only. Outputs are of two kinds: virtual outputs of this process (local), which other
+    // programs see as sources, and the system's destinations (remote).
+
+    // A snapshot of the open virtual outputs, in the order of opening.
+    std::vector<std::shared_ptr<VelmorLocalOutput>> localOutputs() const;
+    // A snapshot of the destinations. The first call builds the list, without notifications; until
+    // then the manager ignores the platform's messages about destinations.
+    std::vector<std::shared_ptr<VelmorRemoteOutput>> remoteOutputs();
+    // The output that the attributes name: a virtual output first; attributes with an identifier name
+    // only virtual outputs. Otherwise a destination, whose list this builds on first use, with
+    // notifications.
+    std::shared_ptr<VelmorOutput> outputWithAttributes(const std::shared_ptr<VelmorAttributes>& attributes);
+    // The search over one list, in list order:
+    // - attributes with an identifier take only the output with an equal identifier;
+    // - attributes whose manufacturer is localOutputManufacturer() (default attributes) take only an
+    //   output that has an identifier and an equal name;
+    // - any other attributes pass over an output whose manufacturer or model differs where the
+    //   attributes have one; an equal unique ID then decides at once; else the name must agree where
+    //   the attributes have one, and the first such output wins.
+    // A null on the output's side counts as different. Elements that are not endpoints are passed over.
+    template <class Output>
+    std::shared_ptr<Output> outputInArrayWithAttributes(const std::vector<std::shared_ptr<Output>>& array,
+                                                        const std::shared_ptr<VelmorAttributes>& attributes) const
+    {
+        const std::size_t position = positionOfOutputWithAttributes(
+            array.size(),
+            [&array](std::size_t i) { return dynamic_cast<const VelmorEndpoint*>(array[i].get()); },
+            attributes);
+        return position < array.size() ? array[position] : nullptr;
+    }
+    // Opens a virtual output with the manager's client and adds it to the list; posts nothing. Opening
+    // the same attributes twice opens two outputs. Null, with the output's own line, on failure.
+    std::shared_ptr<VelmorLocalOutput> openVirtualOutputWithAttributes(const std::shared_ptr<VelmorAttributes>& attributes);
+    // Finds the output by the attributes and writes their name, model and manufacturer to it (a virtual
+    // output takes them only if it has an identifier). Null when nothing is found.
+    std::shared_ptr<VelmorOutput> updateVirtualOutputWithAttributes(const std::shared_ptr<VelmorAttributes>& attributes);
+    // Closes a listed virtual output, takes it out of the list and posts OutputsDidChange. Anything else
+    // is left alone, silently.
+    void closeVirtualOutput(const std::shared_ptr<VelmorOutput>& output);
+    // Closes every virtual output (each posting OutputsDidChange), drops the destinations and the
+    // sources (each source tells its consumers) silently. The manager stays usable: the next
+    // sources(), remoteOutputs() or outputWithAttributes() starts afresh with new objects.
+    void flushManager();
+    // One discovery pass over the platform's destinations. True when the list changed.
+    bool findRemoteOutputsWithNotifications(bool postNotifications);
+
+    const std::vector<std::shared_ptr<VelmorLocalOutput>>& mutableLocalOutputs() const { return mutableLocalOutputs_; }
+    void setMutableLocalOutputs(std::vector<std::shared_ptr<VelmorLocalOutput>> outputs)
+    {
+        mutableLocalOutputs_ = std::move(outputs);
+    }
+    // Null until first needed, and again after flushManager().
+    const std::optional<std::vector<std::shared_ptr<VelmorRemoteOutput>>>& mutableRemoteOutputs() const
+    {
+        return mutableRemoteOutputs_;
+    }
+    void setMutableRemoteOutputs(std::optional<std::vector<std::shared_ptr<VelmorRemoteOutput>>> outputs)
+    {
+        mutableRemoteOutputs_ = std::move(outputs);
+    }
 
 protected:
     VelmorManager() = default;
     bool construct();
 
 private:
+    // Where the output search stops in a list of `count` outputs (`count` when it finds none).
+    std::size_t positionOfOutputWithAttributes(std::size_t count,
+                                               const std::function<const VelmorEndpoint*(std::size_t)>& endpointAt,
+                                               const std::shared_ptr<VelmorAttributes>& attributes) const;
+
+private:
     DelegateFlags delegateFlags_ {0, 0, 0};
     VelmorPlatform::MIDIPortRef outputPort_ = 0;
     std::weak_ptr<VelmorManagerDelegate> delegate_;
     std::shared_ptr<VelmorClient> client_;
+    std::vector<std::shared_ptr<VelmorLocalOutput>> mutableLocalOutputs_;
     std::optional<std::vector<std::shared_ptr<VelmorRemoteSource>>> mutableSources_;
+    std::optional<std::vector<std::shared_ptr<VelmorRemoteOutput>>> mutableRemoteOutputs_;
     std::shared_ptr<VelmorInputPort> inputPort_;
 };
