@@ -106,16 +106,20 @@ struct Recorder {
     {
         for (auto name : {VelmorManager_SourcesWillChangeNotification, VelmorManager_DidAddSourceNotification,
                           VelmorManager_WillRemoveSourceNotification, VelmorManager_DidRemoveSourceNotification,
-                          VelmorManager_SourcesDidChangeNotification, VelmorManager_SourcePropertyChangedNotification}) {
+                          VelmorManager_SourcesDidChangeNotification, VelmorManager_SourcePropertyChangedNotification,
+                          VelmorManager_OutputsWillChangeNotification, VelmorManager_DidAddOutputNotification,
+                          VelmorManager_WillRemoveOutputNotification, VelmorManager_DidRemoveOutputNotification,
+                          VelmorManager_OutputsDidChangeNotification, VelmorManager_OutputPropertyChangedNotification}) {
             VelmorNotificationCenter::defaultCenter().addObserver(
                 this, std::string(name), [this](const VelmorNotification& notification) {
                     std::string line = notification.name;
                     auto object = notification.object;
                     if (notification.userInfo)
-                        if (auto* value = notification.userInfo->objectForKey(VelmorManager_SourceKey))
-                            object = value->objectValue();
-                    if (auto source = std::dynamic_pointer_cast<VelmorRemoteSource>(object))
-                        line += " " + source->name().value_or("(null)");
+                        for (auto key : {VelmorManager_SourceKey, VelmorManager_OutputKey})
+                            if (auto* value = notification.userInfo->objectForKey(key))
+                                object = value->objectValue();
+                    if (auto endpoint = std::dynamic_pointer_cast<VelmorEndpoint>(object))
+                        line += " " + endpoint->name().value_or("(null)");
                     offMainThread |= std::this_thread::get_id() != mainThread;
                     lines.push_back(line);
                 });
@@ -165,6 +169,14 @@ std::shared_ptr<VelmorRemoteSource> sourceNamed(VelmorManager& manager, const st
     return nullptr;
 }
 
+std::shared_ptr<VelmorRemoteOutput> outputNamed(VelmorManager& manager, const std::string& prefix)
+{
+    for (auto& output : manager.remoteOutputs())
+        if (output->name().value_or("").rfind(prefix, 0) == 0)
+            return output;
+    return nullptr;
+}
+
 MIDIEndpointRef destinationNamed(const std::string& prefix)
 {
     for (ItemCount i = 0; i < MIDIGetNumberOfDestinations(); ++i) {
@@ -180,12 +192,6 @@ std::vector<std::uint8_t> bytesOf(const std::shared_ptr<VelmorEvent>& event)
 {
     auto span = event->data().span();
     return {span.begin(), span.end()};
-}
-
-OSStatus sendEvent(MIDIPortRef port, MIDIEndpointRef destination, const std::shared_ptr<VelmorEvent>& event)
-{
-    const VelmorData image = event->packet()->getMIDIPacketListData();
-    return MIDISend(port, destination, reinterpret_cast<const MIDIPacketList*>(image.bytes()));
 }
 
 // Reads up to `count` bytes from a raw MIDI device within `timeout`.
@@ -276,15 +282,12 @@ int main(int argc, char** argv)
         names += "'" + source->name().value_or("(null)") + "' ";
     std::printf("sources: %s\n", names.c_str());
     names.clear();
-    for (ItemCount i = 0; i < MIDIGetNumberOfDestinations(); ++i) {
-        std::optional<std::string> name;
-        MIDIObjectGetStringProperty(MIDIGetDestination(i), kMIDIPropertyName, &name);
-        names += "'" + name.value_or("(null)") + "' ";
-    }
+    for (auto& output : manager->remoteOutputs())
+        names += "'" + output->name().value_or("(null)") + "' ";
     std::printf("outputs: %s\n", names.c_str());
     auto through = sourceNamed(*manager, "Midi Through Port-0");
     check(through != nullptr, "sources list Midi Through by name", names);
-    check(destinationNamed("Midi Through Port-0") != 0, "outputs list Midi Through by name");
+    check(outputNamed(*manager, "Midi Through Port-0") != nullptr, "outputs list Midi Through by name");
     check(readFile("/proc/asound/seq/clients").find("\"Velmor VM Test\"") != std::string::npos,
           "the sequencer client is named after the application");
 
@@ -303,9 +306,12 @@ int main(int argc, char** argv)
     check(recorder.hasInOrder({"VelmorManager_SourcesWillChange", "VelmorManager_DidAddSource VM USB MIDI",
                                "VelmorManager_SourcesDidChange"}),
           "plug-in: will change, did add, did change", recorder.joined());
+    check(recorder.hasInOrder({"VelmorManager_OutputsWillChange", "VelmorManager_DidAddOutput VM USB MIDI",
+                               "VelmorManager_OutputsDidChange"}),
+          "plug-in: the device's output is added", recorder.joined());
     auto usb = sourceNamed(*manager, "VM USB MIDI");
-    const MIDIEndpointRef usbDestination = destinationNamed("VM USB MIDI");
-    check(usbDestination != 0, "the USB device's destination appears");
+    auto usbOutput = outputNamed(*manager, "VM USB MIDI");
+    check(usbOutput != nullptr, "the USB device's output appears");
     if (usb) {
         check(usb->manufacturer().value_or("") == "velmor-vm" && usb->model().value_or("") == "VM USB MIDI",
               "manufacturer and model come from the USB card",
@@ -372,8 +378,8 @@ int main(int argc, char** argv)
         std::uint8_t nothing = 0;
         [[maybe_unused]] auto none = read(in, &nothing, 1);
         std::this_thread::sleep_for(100ms);
-        auto note = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(62, 90, 2, 0);
-        check(sendEvent(manager->outputPort(), usbDestination, note) == noErr, "MIDISend to the USB destination");
+        if (usbOutput)
+            usbOutput->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(62, 90, 2, 0));
         auto got = readRaw(in, 3, 5000ms);
         check(got == std::vector<std::uint8_t> {0x91, 0x3E, 0x5A}, "the note arrives as bytes on the device side",
               std::to_string(got.size()) + " bytes");
@@ -382,21 +388,25 @@ int main(int argc, char** argv)
     }
 
     // --- A virtual output, seen by another sequencer client -------------------------------------------
-    MIDIEndpointRef virtualSource = 0;
-    check(MIDISourceCreate(manager->client()->client(), "Velmor VM Output", &virtualSource) == noErr &&
-              virtualSource != 0,
-          "a virtual output is made");
+    auto virtualOutput = manager->openVirtualOutputWithAttributes(
+        VelmorAttributes::defaultAttributesWithNameIdentifier("Velmor VM Output", "vm-output-1"));
+    check(virtualOutput != nullptr, "a virtual output is opened");
+    if (!virtualOutput) {
+        std::printf("VELMOR-VM-RESULT: FAIL\n");
+        return 1;
+    }
+    const MIDIEndpointRef virtualSource = virtualOutput->object();
     const std::string address = alsa->sequencerAddress(virtualSource);
+    check(virtualOutput->identifier().value_or("") == "vm-output-1" &&
+              virtualOutput->manufacturer() == manager->localOutputManufacturer(),
+          "the virtual output keeps its identifier and manufacturer");
     check(commandOutput("aseqdump -l").find("Velmor VM Output") != std::string::npos,
           "aseqdump lists the virtual output by name");
     system(("aseqdump -p " + address + " > /tmp/aseqdump.log 2>&1 & echo $! > /tmp/aseqdump.pid").c_str());
     for (int i = 0; i < 50 && readFile("/proc/asound/seq/clients").find("aseqdump") == std::string::npos; ++i)
         std::this_thread::sleep_for(50ms);
     std::this_thread::sleep_for(300ms);
-    auto virtualNote = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(64, 100, 1, 0);
-    const VelmorData image = virtualNote->packet()->getMIDIPacketListData();
-    check(MIDIReceived(virtualSource, reinterpret_cast<const MIDIPacketList*>(image.bytes())) == noErr,
-          "MIDIReceived on the virtual output");
+    virtualOutput->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(64, 100, 1, 0));
     std::this_thread::sleep_for(500ms);
     system("kill $(cat /tmp/aseqdump.pid)");
     std::this_thread::sleep_for(100ms);
@@ -423,10 +433,14 @@ int main(int argc, char** argv)
             return change.first == object && change.second == kMIDIPropertyName;
         });
     };
-    check(MIDIObjectSetStringProperty(virtualSource, kMIDIPropertyName, "Velmor VM Renamed") == noErr,
-          "the virtual output is renamed");
+    recorder.lines.clear();
+    check(manager->updateVirtualOutputWithAttributes(
+              VelmorAttributes::defaultAttributesWithNameIdentifier("Velmor VM Renamed", "vm-output-1")) == virtualOutput,
+          "the virtual output is renamed through its identifier");
     serveUntil([&] { return changed(virtualSource); }, 3000ms);
     check(changed(virtualSource), "renaming our virtual output is a name change");
+    check(recorder.hasInOrder({"VelmorManager_OutputPropertyChanged Velmor VM Renamed"}),
+          "the manager reports the output's property change", recorder.joined());
     check(commandOutput("aseqdump -l").find("Velmor VM Renamed") != std::string::npos,
           "other programs see the new name");
 
@@ -460,7 +474,8 @@ int main(int argc, char** argv)
 
     // --- Timed sending, and the round trip of a note through the sequencer ----------------------------
     const MIDIEndpointRef throughDestination = destinationNamed("Midi Through Port-0");
-    if (through && throughDestination) {
+    auto throughOutput = outputNamed(*manager, "Midi Through Port-0");
+    if (through && throughDestination && throughOutput) {
         auto timed = std::make_shared<Consumer>();
         through->addConsumer(timed);
         int early = 0;
@@ -469,7 +484,7 @@ int main(int argc, char** argv)
             timed->events.clear();
             auto event = VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(60, 1 + i, 1, 10);
             const MIDITimeStamp sent = AudioGetCurrentHostTime();
-            sendEvent(manager->outputPort(), throughDestination, event);
+            throughOutput->sendEvent(event);
             serveUntil([&] { return !timed->events.empty(); }, 2000ms);
             if (timed->events.empty()) {
                 ++early;
@@ -533,7 +548,7 @@ int main(int argc, char** argv)
                 return std::nullopt;
             };
             const MIDITimeStamp sent = AudioGetCurrentHostTime();
-            sendEvent(manager->outputPort(), throughDestination, event);
+            throughOutput->sendEvent(event);
             if (serveUntil([&] { return arrivedAt().has_value(); }, 1000ms))
                 roundTrips.push_back(microseconds(consumerProbe->arrivals[*arrivedAt()] - sent));
             stray += consumerProbe->events.size() - (arrivedAt() ? 1 : 0);
@@ -552,14 +567,20 @@ int main(int argc, char** argv)
         recorder.lines.clear();
         const MIDIEndpointRef oldRef = usb->object();
         check(writeFile(gadget + "/UDC", ""), "gadget unbound");
-        serveUntil([&] { return consumer->terminating > 0 && sourceNamed(*manager, "VM USB MIDI") == nullptr; },
+        serveUntil([&] {
+            return consumer->terminating > 0 && sourceNamed(*manager, "VM USB MIDI") == nullptr &&
+                   recorder.hasInOrder({"VelmorManager_DidRemoveOutput VM USB MIDI"});
+        },
                    15000ms);
         check(consumer->terminating > 0, "the consumer is told sourceIsTerminating",
               std::to_string(consumer->terminating));
         check(recorder.hasInOrder({"VelmorManager_SourcesWillChange", "VelmorManager_WillRemoveSource VM USB MIDI",
                                    "VelmorManager_DidRemoveSource VM USB MIDI", "VelmorManager_SourcesDidChange"}),
               "unplug: will change, will remove, did remove, did change", recorder.joined());
-        check(destinationNamed("VM USB MIDI") == 0, "the USB destination is gone");
+        check(recorder.hasInOrder({"VelmorManager_OutputsWillChange", "VelmorManager_WillRemoveOutput VM USB MIDI",
+                                   "VelmorManager_DidRemoveOutput VM USB MIDI", "VelmorManager_OutputsDidChange"}),
+              "unplug: the device's output is removed", recorder.joined());
+        check(outputNamed(*manager, "VM USB MIDI") == nullptr, "the USB output is gone");
 
         writeFile(gadget + "/UDC", "dummy_udc.0");
         serveUntil([&] { return sourceNamed(*manager, "VM USB MIDI") != nullptr; }, 15000ms);
@@ -570,7 +591,9 @@ int main(int argc, char** argv)
             check(again->uniqueID() == usb->uniqueID(), "the same device has the same unique ID again");
     }
 
-    MIDIEndpointDispose(virtualSource);
+    manager->closeVirtualOutput(virtualOutput);
+    check(commandOutput("aseqdump -l").find("Velmor VM Renamed") == std::string::npos,
+          "a closed virtual output is gone for other programs");
     std::printf("VELMOR-VM-RESULT: %s (%d failed)\n", failures ? "FAIL" : "PASS", failures);
     std::fflush(stdout);
     return failures ? 1 : 0;
