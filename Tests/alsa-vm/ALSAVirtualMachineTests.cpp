@@ -451,6 +451,9 @@ int main(int argc, char** argv)
         recorder.lines.clear();
         const int port = snd_seq_create_simple_port(other, "Other Out", SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ,
                                                     SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
+        // Once the service is idle, the port's announcement has been handed to the main queue.
+        alsa->waitUntilIdle();
+        check(VelmorMainQueue::mainQueue().pendingCount() > 0, "waitUntilIdle returns after the announcement's callbacks");
         serveUntil([&] { return sourceNamed(*manager, "Other Out") != nullptr; }, 3000ms);
         auto otherSource = sourceNamed(*manager, "Other Out");
         check(otherSource != nullptr, "another program's port appears as a source", recorder.joined());
