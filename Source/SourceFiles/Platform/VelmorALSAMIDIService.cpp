@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cerrno>
@@ -20,6 +21,8 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -58,6 +61,15 @@ constexpr std::size_t kMaxPacketBytes = 65535;
 constexpr int kRescanMs = 250;
 // An exclusive message that never ends is handed on in pieces of this size rather than kept forever.
 constexpr std::size_t kMaxPendingExclusive = std::size_t(16) << 20;
+// A packet list handed to a read procedure is closed once it holds this many bytes, so that one burst
+// becomes a few lists of moderate size rather than one huge one.
+constexpr std::size_t kListBytes = std::size_t(16) << 10;
+
+std::uint64_t subscriptionKey(int seqPort, Address address)
+{
+    return (std::uint64_t(std::uint32_t(seqPort)) << 32) | (std::uint64_t(std::uint16_t(address.first)) << 16) |
+           std::uint16_t(address.second);
+}
 
 // What the sequencer tells about one port.
 struct PortFacts {
@@ -73,25 +85,6 @@ struct ClientFacts {
     std::optional<std::string> manufacturer;
     std::optional<std::string> model;
 };
-
-std::vector<std::uint8_t> packetListImage(const std::vector<std::uint8_t>& bytes, MIDITimeStamp timeStamp)
-{
-    const std::size_t packets = std::max<std::size_t>(1, (bytes.size() + kMaxPacketBytes - 1) / kMaxPacketBytes);
-    std::vector<std::uint8_t> image(4 + packets * 10 + bytes.size());
-    const auto count = std::uint32_t(packets);
-    std::memcpy(image.data(), &count, 4);
-    std::size_t at = 4;
-    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
-        const auto length = std::uint16_t(std::min(kMaxPacketBytes, bytes.size() - offset));
-        std::memcpy(image.data() + at, &timeStamp, 8);
-        std::memcpy(image.data() + at + 8, &length, 2);
-        if (length)
-            std::memcpy(image.data() + at + 10, bytes.data() + offset, length);
-        at += 10 + length;
-        offset += length;
-    }
-    return image;
-}
 
 // The sound card behind a kernel client, as the kernel lists it in /proc/asound/cards:
 //  " 1 [MIDI           ]: USB-Audio - VM USB MIDI"
@@ -196,16 +189,58 @@ struct VelmorALSAMIDIService::State {
 
     // --- Deliveries to the service thread (guarded by mutex) -------------------------------------
     struct Delivery {
-        enum class Kind { Notification, Packets, Marker } kind = Kind::Notification;
+        enum class Kind { Notification, InputDropped, Marker } kind = Kind::Notification;
         MIDIObjectAddRemoveNotification addRemove {};
         MIDIObjectPropertyChangeNotification property {};
+        MIDIInputDroppedNotification dropped {};
         std::string propertyName;
-        MIDIPortRef port = 0;
-        MIDIEndpointRef source = 0;
-        std::vector<std::uint8_t> image;
         std::uint64_t marker = 0;
     };
     std::deque<Delivery> deliveries;
+
+    // --- Receiving (service thread only) ---------------------------------------------------------
+    // What one wake-up took from the sequencer: the events, and their variable-length data copied
+    // behind each other (dataAt[i] is event i's offset there). Reused, so that a steady stream
+    // allocates nothing.
+    std::vector<snd_seq_event_t> burst;
+    std::vector<std::size_t> dataAt;
+    std::vector<std::uint8_t> burstData;
+    // Packet-list images on their way to read procedures: one per run of events for the same
+    // connection. `listsUsed` of them are filled; the rest keep their buffers for the next burst.
+    struct OutgoingList {
+        MIDIPortRef port = 0;
+        MIDIEndpointRef source = 0;
+        std::uint32_t count = 0;
+        std::vector<std::uint8_t> image;
+    };
+    std::vector<OutgoingList> lists;
+    std::size_t listsUsed = 0;
+    bool listOpen = false;  // the last used list may take more packets
+    std::uint64_t overruns = 0;
+
+    // --- Sending -----------------------------------------------------------------------------------
+    // What send() and received() need, as an immutable table that they read without the service
+    // mutex. Rebuilt under the mutex when a look-up misses or after something was removed.
+    struct SendTable {
+        struct Entry {
+            MIDIObjectType type = kMIDIObjectType_Other;
+            Address address {-1, -1};
+            int outputSeqPort = -1;  // an output port: its sequencer port
+            bool ownSource = false;  // a virtual source of ours
+        };
+        std::unordered_map<MIDIObjectRef, Entry> objects;
+        std::unordered_set<std::uint64_t> subscribed;  // subscriptionKey(output port's seqPort, address)
+    };
+    std::atomic<std::shared_ptr<const SendTable>> sendTable;
+    std::atomic<bool> sendTableStale {true};
+    // Coders for send(), each taken by one sender at a time; a sender that finds them all busy makes
+    // its own for the call.
+    struct Coder {
+        std::atomic<bool> busy {false};
+        snd_midi_event_t* coder = nullptr;
+    };
+    std::array<Coder, 4> coders;
+    std::vector<pollfd> outputDescriptors;  // for waiting on a full output pool
 
     // --- The sequencer (handle calls guarded by seqMutex) -----------------------------------------
     std::mutex seqMutex;
@@ -228,6 +263,7 @@ struct VelmorALSAMIDIService::State {
     std::uint64_t markersHandled = 0;  // guarded by markerMutex
 
     snd_midi_event_t* decoder = nullptr;  // service thread only
+    std::vector<pollfd> inputDescriptors;  // service thread only: wake-up descriptor, then the sequencer's
 
     ~State();
     bool open();
@@ -247,6 +283,8 @@ struct VelmorALSAMIDIService::State {
     MIDITimeStamp hostTimeOf(const snd_seq_event_t& event) const;
     bool scheduleTime(MIDITimeStamp timeStamp, snd_seq_real_time_t* out) const;
     int output(snd_seq_event_t& event);
+    std::shared_ptr<const SendTable> currentSendTable();
+    std::shared_ptr<const SendTable> rebuildSendTable();  // caller holds mutex
 
     // Model changes (caller holds mutex); notifications queue deliveries.
     MIDIObjectRef newObject(MIDIObjectType type, Address address, std::int32_t wantedID);
@@ -267,7 +305,13 @@ struct VelmorALSAMIDIService::State {
     void handleAnnouncement(const snd_seq_event_t& event);
     void updateClient(int client, const ClientFacts& facts);
     void rescan();
-    void handleMIDI(const snd_seq_event_t& event, std::vector<std::uint8_t>& bytes);
+    void resync();
+    void takeBurst();
+    void handleMIDI(const snd_seq_event_t& event, const std::uint8_t* data, std::unique_lock<std::mutex>& lock);
+    void appendMessage(MIDIPortRef port, MIDIEndpointRef source, const std::uint8_t* bytes, std::size_t length,
+                       MIDITimeStamp timeStamp);
+    void deliverLists();
+    void reportOverrun();
     void dispatch();
     void enumerate();
 };
@@ -281,6 +325,9 @@ VelmorALSAMIDIService::State::~State()
         thread.join();
     if (decoder)
         snd_midi_event_free(decoder);
+    for (Coder& coder : coders)
+        if (coder.coder)
+            snd_midi_event_free(coder.coder);
     if (seq)
         snd_seq_close(seq);
     if (wakeFd >= 0)
@@ -345,6 +392,15 @@ bool VelmorALSAMIDIService::State::open()
         return false;
     }
     snd_midi_event_no_status(decoder, 1);
+    for (Coder& coder : coders)
+        if ((error = snd_midi_event_new(256, &coder.coder)) < 0) {
+            reportFailure("snd_midi_event_new", error);
+            return false;
+        }
+    outputDescriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLOUT)));
+    snd_seq_poll_descriptors(seq, outputDescriptors.data(), unsigned(outputDescriptors.size()), POLLOUT);
+    inputDescriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLIN)) + 1);
+    snd_seq_poll_descriptors(seq, inputDescriptors.data() + 1, unsigned(inputDescriptors.size() - 1), POLLIN);
     wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeFd < 0) {
         std::fprintf(stderr, "VelmorALSAMIDIService: eventfd failed: %s\n", std::strerror(errno));
@@ -426,21 +482,56 @@ bool VelmorALSAMIDIService::State::scheduleTime(MIDITimeStamp timeStamp, snd_seq
 // Sends one event, waiting for room in the sequencer's pool without holding the handle.
 int VelmorALSAMIDIService::State::output(snd_seq_event_t& event)
 {
+    // A fixed-size event goes from libasound straight to one write(2) on the handle's descriptor,
+    // which any thread may do at any time; a variable-size one is staged in the handle's buffer first
+    // and so needs the handle's lock.
+    const bool variable = snd_seq_ev_is_variable(&event);
     for (int attempt = 0;; ++attempt) {
         int result = 0;
-        std::vector<pollfd> descriptors;
-        {
+        if (variable) {
             std::lock_guard<std::mutex> lock(seqMutex);
             result = snd_seq_event_output_direct(seq, &event);
-            if (result != -EAGAIN)
-                return result;
-            descriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLOUT)));
-            snd_seq_poll_descriptors(seq, descriptors.data(), unsigned(descriptors.size()), POLLOUT);
+        } else {
+            result = snd_seq_event_output_direct(seq, &event);
         }
+        if (result != -EAGAIN)
+            return result;
         if (attempt > 5000)
             return -EAGAIN;
-        poll(descriptors.data(), descriptors.size(), 2);
+        std::array<pollfd, 4> descriptors {};
+        const std::size_t count = std::min(descriptors.size(), outputDescriptors.size());
+        std::copy_n(outputDescriptors.begin(), count, descriptors.begin());
+        poll(descriptors.data(), count, 2);
     }
+}
+
+std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDIService::State::currentSendTable()
+{
+    if (!sendTableStale.load(std::memory_order_acquire))
+        if (auto table = sendTable.load(std::memory_order_acquire))
+            return table;
+    std::lock_guard<std::mutex> lock(mutex);
+    return rebuildSendTable();
+}
+
+std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDIService::State::rebuildSendTable()
+{
+    auto table = std::make_shared<SendTable>();
+    table->objects.reserve(objects.size());
+    for (const auto& [ref, object] : objects)
+        table->objects.emplace(ref, SendTable::Entry {object.type, object.address, -1, false});
+    for (const auto& [ref, port] : outputPorts) {
+        table->objects[ref].outputSeqPort = port.seqPort;
+        for (const Address& address : port.subscribed)
+            table->subscribed.insert(subscriptionKey(port.seqPort, address));
+    }
+    for (const auto& [address, port] : ports)
+        if (port.own && port.source)
+            table->objects[port.source].ownSource = true;
+    std::shared_ptr<const SendTable> result = std::move(table);
+    sendTable.store(result, std::memory_order_release);
+    sendTableStale.store(false, std::memory_order_release);
+    return result;
 }
 
 // --- The model --------------------------------------------------------------------------------------
@@ -468,6 +559,7 @@ void VelmorALSAMIDIService::State::forgetObject(MIDIObjectRef ref)
         return;
     usedIDs.erase(it->second.uniqueID);
     objects.erase(it);
+    sendTableStale.store(true, std::memory_order_release);
 }
 
 void VelmorALSAMIDIService::State::notifyAddRemove(MIDINotificationMessageID id, MIDIObjectRef parent,
@@ -650,71 +742,136 @@ void VelmorALSAMIDIService::State::enumerate()
 void VelmorALSAMIDIService::State::run()
 {
     threadID = std::this_thread::get_id();
-    std::vector<pollfd> descriptors;
-    std::vector<std::pair<snd_seq_event_t, std::vector<std::uint8_t>>> events;
-    std::vector<std::uint8_t> bytes;
     auto lastRescan = std::chrono::steady_clock::now();
     while (!stopping) {
-        {
-            std::lock_guard<std::mutex> lock(seqMutex);
-            descriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLIN)) + 1);
-            snd_seq_poll_descriptors(seq, descriptors.data() + 1, unsigned(descriptors.size() - 1), POLLIN);
-        }
-        descriptors[0] = pollfd {wakeFd, POLLIN, 0};
+        inputDescriptors[0] = pollfd {wakeFd, POLLIN, 0};
         bool pending = false;
         {
             std::lock_guard<std::mutex> lock(mutex);
             pending = !deliveries.empty();
         }
-        if (!pending)
-            poll(descriptors.data(), descriptors.size(), kRescanMs);
-        std::uint64_t count = 0;
-        [[maybe_unused]] auto got = read(wakeFd, &count, sizeof count);
+        if (!pending && poll(inputDescriptors.data(), inputDescriptors.size(), kRescanMs) > 0 &&
+            (inputDescriptors[0].revents & POLLIN)) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] auto got = read(wakeFd, &count, sizeof count);
+        }
         if (stopping)
             break;
 
-        // Take what the sequencer has, copying variable-length data out of its buffer.
-        events.clear();
-        {
-            std::lock_guard<std::mutex> lock(seqMutex);
-            for (;;) {
-                snd_seq_event_t* event = nullptr;
-                const int result = snd_seq_event_input(seq, &event);
-                if (result == -ENOSPC) {
-                    std::fprintf(stderr, "VelmorALSAMIDIService: input overrun, events lost\n");
-                    continue;
-                }
-                if (result < 0 || !event)
-                    break;
-                std::vector<std::uint8_t> data;
-                if (snd_seq_ev_is_variable(event) && event->data.ext.len)
-                    data.assign(static_cast<const std::uint8_t*>(event->data.ext.ptr),
-                                static_cast<const std::uint8_t*>(event->data.ext.ptr) + event->data.ext.len);
-                events.emplace_back(*event, std::move(data));
-                if (snd_seq_event_input_pending(seq, 0) == 0)
-                    break;
+        takeBurst();
+        dispatch();  // what was queued before this burst goes first
+        std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+        for (std::size_t i = 0; i < burst.size(); ++i) {
+            snd_seq_event_t& event = burst[i];
+            const bool announcement = event.source.client == SND_SEQ_CLIENT_SYSTEM && event.dest.port == announcePort;
+            const bool marker = event.type == SND_SEQ_EVENT_ECHO && event.source.client == myClient;
+            if (!announcement && !marker) {
+                handleMIDI(event, burstData.data() + dataAt[i], lock);
+                continue;
             }
-        }
-        for (auto& [event, data] : events) {
+            // What came before this event is handed on before what it causes.
+            if (lock.owns_lock())
+                lock.unlock();
+            deliverLists();
             if (snd_seq_ev_is_variable(&event))
-                event.data.ext.ptr = data.data();
-            if (event.source.client == SND_SEQ_CLIENT_SYSTEM && event.dest.port == announcePort)
+                event.data.ext.ptr = burstData.data() + dataAt[i];
+            if (announcement) {
                 handleAnnouncement(event);
-            else if (event.type == SND_SEQ_EVENT_ECHO && event.source.client == myClient) {
-                std::lock_guard<std::mutex> lock(mutex);
-                Delivery marker;
-                marker.kind = Delivery::Kind::Marker;
-                marker.marker = event.data.raw32.d[0];
-                deliveries.push_back(std::move(marker));
-            } else
-                handleMIDI(event, bytes);
+            } else {
+                std::lock_guard<std::mutex> markerLock(mutex);
+                Delivery delivery;
+                delivery.kind = Delivery::Kind::Marker;
+                delivery.marker = event.data.raw32.d[0];
+                deliveries.push_back(std::move(delivery));
+            }
+            dispatch();
+        }
+        if (lock.owns_lock())
+            lock.unlock();
+        deliverLists();
+        if (overruns) {
+            reportOverrun();
+            overruns = 0;
+            resync();
         }
         if (std::chrono::steady_clock::now() - lastRescan >= std::chrono::milliseconds(kRescanMs)) {
             rescan();
             lastRescan = std::chrono::steady_clock::now();
         }
         dispatch();
+        // A burst of a huge exclusive message leaves big buffers behind: don't keep them for good.
+        if (burstData.capacity() > (std::size_t(1) << 20))
+            std::vector<std::uint8_t>().swap(burstData);
     }
+}
+
+// Takes everything the sequencer has ready, in one read where it can, copying it out of libasound's
+// buffer so that the handle is free again at once.
+void VelmorALSAMIDIService::State::takeBurst()
+{
+    burst.clear();
+    dataAt.clear();
+    burstData.clear();
+    std::lock_guard<std::mutex> lock(seqMutex);
+    for (;;) {
+        snd_seq_event_t* event = nullptr;
+        const int result = snd_seq_event_input(seq, &event);
+        if (result == -ENOSPC) {
+            // The kernel's queue for this client overflowed and was emptied: events are lost.
+            ++overruns;
+            continue;
+        }
+        if (result < 0 || !event)
+            break;
+        burst.push_back(*event);
+        dataAt.push_back(burstData.size());
+        if (snd_seq_ev_is_variable(event) && event->data.ext.len) {
+            const auto* data = static_cast<const std::uint8_t*>(event->data.ext.ptr);
+            burstData.insert(burstData.end(), data, data + event->data.ext.len);
+        }
+        if (snd_seq_event_input_pending(seq, 0) == 0)
+            break;
+    }
+}
+
+// After an overrun announcements may have been lost too: compare the model with what the sequencer
+// lists now, and add and remove what differs as the announcements would have.
+void VelmorALSAMIDIService::State::resync()
+{
+    std::vector<int> clientNumbers;
+    {
+        std::lock_guard<std::mutex> lock(seqMutex);
+        snd_seq_client_info_t* info = nullptr;
+        snd_seq_client_info_alloca(&info);
+        snd_seq_client_info_set_client(info, -1);
+        while (snd_seq_query_next_client(seq, info) >= 0)
+            clientNumbers.push_back(snd_seq_client_info_get_client(info));
+    }
+    std::set<Address> listed;
+    for (int number : clientNumbers) {
+        if (number == SND_SEQ_CLIENT_SYSTEM || number == myClient)
+            continue;
+        auto facts = queryClient(number);
+        if (!facts)
+            continue;
+        auto portList = queryPorts(number);
+        std::lock_guard<std::mutex> lock(mutex);
+        updateClient(number, *facts);
+        for (auto& [address, portFacts] : portList) {
+            listed.insert(address);
+            if (ports.count(address))
+                updatePort(address, portFacts);
+            else
+                addPort(address, portFacts, *facts, false, 0);
+        }
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<Address> gone;
+    for (auto& [address, port] : ports)
+        if (!port.own && !listed.count(address))
+            gone.push_back(address);
+    for (const Address& address : gone)
+        removePort(address);
 }
 
 void VelmorALSAMIDIService::State::handleAnnouncement(const snd_seq_event_t& event)
@@ -829,20 +986,90 @@ void VelmorALSAMIDIService::State::rescan()
     }
 }
 
-void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, std::vector<std::uint8_t>& bytes)
+namespace {
+
+// The length of the message at `data` as the framework cuts a packet: channel messages by their
+// status, anything else up to and including the first 0xF7, or to the end.
+std::size_t cutLength(const std::uint8_t* data, std::size_t length)
 {
-    // libasound's coder turns the event back into bytes; what isn't MIDI (subscription notices) fails here.
-    const std::size_t room = snd_seq_ev_is_variable(&event) ? event.data.ext.len + 16 : 16;
-    bytes.resize(room);
-    snd_seq_event_t copy = event;
-    snd_midi_event_reset_decode(decoder);
-    const long length = snd_midi_event_decode(decoder, bytes.data(), long(room), &copy);
-    if (length <= 0)
-        return;
-    bytes.resize(std::size_t(length));
+    const std::uint8_t status = data[0];
+    std::size_t wanted = 0;
+    if (status >= 0x80 && status < 0xC0)
+        wanted = 3;
+    else if (status >= 0xC0 && status < 0xE0)
+        wanted = 2;
+    else if (status >= 0xE0 && status < 0xF0)
+        wanted = 3;
+    else {
+        const void* end = std::memchr(data, 0xF7, length);
+        wanted = end ? std::size_t(static_cast<const std::uint8_t*>(end) - data) + 1 : length;
+    }
+    return std::min(wanted, length);
+}
+
+// True when the framework would join the next packet of the same list onto this one: its last
+// message is cut short (a channel or system common message without all its bytes, or an exclusive
+// message without its 0xF7).
+bool endsInsideMessage(const std::uint8_t* data, std::size_t length)
+{
+    std::size_t last = 0;
+    for (std::size_t at = 0; at < length; at += cutLength(data + at, length - at))
+        last = at;
+    for (std::size_t at = last; at < length;) {
+        const std::uint8_t status = data[at];
+        std::size_t size = 1;
+        if (status >= 0x80 && status < 0xC0)
+            size = 3;
+        else if (status >= 0xC0 && status < 0xE0)
+            size = 2;
+        else if (status >= 0xE0 && status < 0xF0)
+            size = 3;
+        else if (status == 0xF0) {
+            const void* end = at + 1 < length ? std::memchr(data + at + 1, 0xF7, length - at - 1) : nullptr;
+            if (!end)
+                return true;
+            size = std::size_t(static_cast<const std::uint8_t*>(end) - (data + at)) + 1;
+        } else if (status == 0xF1 || status == 0xF3)
+            size = 2;
+        else if (status == 0xF2)
+            size = 3;
+        if (size > length - at)
+            return true;
+        at += size;
+    }
+    return false;
+}
+
+} // namespace
+
+// Routes one MIDI event to its connection and adds its bytes to the list for that connection,
+// joining an exclusive message that the sequencer split into several events. Takes `lock` (the
+// model's mutex) if it isn't held yet and leaves it held, so that a run of events takes it once.
+void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, const std::uint8_t* data,
+                                              std::unique_lock<std::mutex>& lock)
+{
+    // Exclusive bytes are taken as they are (that is all the coder would do); everything else goes
+    // through libasound's coder, which also refuses what isn't MIDI (subscription notices).
+    const bool exclusive = event.type == SND_SEQ_EVENT_SYSEX;
+    std::uint8_t coded[16];
+    const std::uint8_t* bytes = coded;
+    std::size_t length = 0;
+    if (exclusive) {
+        if (!snd_seq_ev_is_variable(&event) || event.data.ext.len == 0)
+            return;
+        bytes = data;
+        length = event.data.ext.len;
+    } else {
+        snd_midi_event_reset_decode(decoder);
+        const long decoded = snd_midi_event_decode(decoder, coded, long(sizeof coded), &event);
+        if (decoded <= 0)
+            return;
+        length = std::size_t(decoded);
+    }
     const MIDITimeStamp timeStamp = hostTimeOf(event);
 
-    std::lock_guard<std::mutex> lock(mutex);
+    if (!lock.owns_lock())
+        lock.lock();
     auto portIt = std::find_if(inputPorts.begin(), inputPorts.end(),
                                [&](const auto& entry) { return entry.second.seqPort == event.dest.port; });
     if (portIt == inputPorts.end())
@@ -853,39 +1080,121 @@ void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, std:
     auto connectionIt = portIt->second.connections.find(sourceIt->second.source);
     if (connectionIt == portIt->second.connections.end())
         return;
+    const MIDIPortRef port = portIt->first;
+    const MIDIEndpointRef source = connectionIt->first;
     Connection& connection = connectionIt->second;
-    auto deliver = [&](const std::vector<std::uint8_t>& message, MIDITimeStamp stamp) {
-        Delivery delivery;
-        delivery.kind = Delivery::Kind::Packets;
-        delivery.port = portIt->first;
-        delivery.source = connectionIt->first;
-        delivery.image = packetListImage(message, stamp);
-        deliveries.push_back(std::move(delivery));
-    };
-    const bool exclusive = event.type == SND_SEQ_EVENT_SYSEX;
     auto& pending = connection.pendingExclusive;
     if (!pending.empty()) {
         if (exclusive) {
-            pending.insert(pending.end(), bytes.begin(), bytes.end());
+            pending.insert(pending.end(), bytes, bytes + length);
             if (pending.back() == 0xF7 || pending.size() >= kMaxPendingExclusive) {
-                deliver(pending, connection.pendingTimeStamp);
+                appendMessage(port, source, pending.data(), pending.size(), connection.pendingTimeStamp);
                 pending.clear();
+                if (pending.capacity() > kListBytes)
+                    pending.shrink_to_fit();
             }
             return;
         }
         if (bytes[0] >= 0xF8) {  // real-time messages may come between the pieces
-            deliver(bytes, timeStamp);
+            appendMessage(port, source, bytes, length, timeStamp);
             return;
         }
-        deliver(pending, connection.pendingTimeStamp);  // cut short by another message
+        appendMessage(port, source, pending.data(), pending.size(), connection.pendingTimeStamp);  // cut short
         pending.clear();
     }
-    if (exclusive && bytes[0] == 0xF0 && bytes.back() != 0xF7) {
-        pending = bytes;
+    if (exclusive && bytes[0] == 0xF0 && bytes[length - 1] != 0xF7) {
+        pending.assign(bytes, bytes + length);
         connection.pendingTimeStamp = timeStamp;
         return;
     }
-    deliver(bytes, timeStamp);
+    appendMessage(port, source, bytes, length, timeStamp);
+}
+
+// Adds one message to the list being filled for (port, source), as packets of at most 64 KiB. A new
+// list begins for another connection, when the list is full, and after a message that the framework
+// would join with the next packet of its list (which separate lists keep apart).
+void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointRef source, const std::uint8_t* bytes,
+                                                 std::size_t length, MIDITimeStamp timeStamp)
+{
+    OutgoingList* list = listOpen ? &lists[listsUsed - 1] : nullptr;
+    if (list && (list->port != port || list->source != source || list->image.size() + length > kListBytes))
+        list = nullptr;
+    if (!list) {
+        if (listsUsed == lists.size())
+            lists.emplace_back();
+        list = &lists[listsUsed++];
+        list->port = port;
+        list->source = source;
+        list->count = 0;
+        list->image.assign(4, 0);
+        listOpen = true;
+    }
+    const std::size_t packets = std::max<std::size_t>(1, (length + kMaxPacketBytes - 1) / kMaxPacketBytes);
+    std::size_t at = list->image.size();
+    list->image.resize(at + packets * 10 + length);
+    std::uint8_t* out = list->image.data();
+    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
+        const auto size = std::uint16_t(std::min(kMaxPacketBytes, length - offset));
+        std::memcpy(out + at, &timeStamp, 8);
+        std::memcpy(out + at + 8, &size, 2);
+        if (size)
+            std::memcpy(out + at + 10, bytes + offset, size);
+        at += 10 + size;
+        offset += size;
+    }
+    list->count += std::uint32_t(packets);
+    std::memcpy(out, &list->count, 4);
+    const std::size_t lastSize = length - (packets - 1) * kMaxPacketBytes;
+    if (endsInsideMessage(bytes + length - lastSize, lastSize))
+        listOpen = false;
+}
+
+// Hands the filled lists to their read procedures, in order. A connection ended meanwhile gets
+// nothing: its end waits for callbackMutex, so once it has returned no list of it is delivered.
+void VelmorALSAMIDIService::State::deliverLists()
+{
+    for (std::size_t i = 0; i < listsUsed; ++i) {
+        OutgoingList& list = lists[i];
+        std::lock_guard<std::mutex> callbacks(callbackMutex);
+        MIDIReadProc readProc = nullptr;
+        void* readRefCon = nullptr;
+        void* connectionRefCon = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            auto port = inputPorts.find(list.port);
+            if (port == inputPorts.end())
+                continue;
+            auto connection = port->second.connections.find(list.source);
+            if (connection == port->second.connections.end())
+                continue;
+            readProc = port->second.readProc;
+            readRefCon = port->second.refCon;
+            connectionRefCon = connection->second.refCon;
+        }
+        if (readProc)
+            readProc(reinterpret_cast<const MIDIPacketList*>(list.image.data()), readRefCon, connectionRefCon);
+    }
+    for (std::size_t i = 0; i < listsUsed; ++i)
+        if (lists[i].image.capacity() > 4 * kListBytes)
+            std::vector<std::uint8_t>().swap(lists[i].image);  // after a huge exclusive message
+    listsUsed = 0;
+    listOpen = false;
+}
+
+// The sequencer lost events on their way to this client, and can't say whose: every input port with
+// a connection hears of it, with no source and no count.
+void VelmorALSAMIDIService::State::reportOverrun()
+{
+    std::fprintf(stderr, "VelmorALSAMIDIService: input overrun, events lost\n");
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto& [ref, port] : inputPorts) {
+        if (port.connections.empty())
+            continue;
+        Delivery delivery;
+        delivery.kind = Delivery::Kind::InputDropped;
+        delivery.dropped = {kMIDIMsgVelmorInputDropped, sizeof(MIDIInputDroppedNotification), ref, 0, 0};
+        deliveries.push_back(std::move(delivery));
+    }
 }
 
 void VelmorALSAMIDIService::State::dispatch()
@@ -894,9 +1203,6 @@ void VelmorALSAMIDIService::State::dispatch()
         std::lock_guard<std::mutex> callbacks(callbackMutex);
         Delivery delivery;
         std::vector<Client> targets;
-        MIDIReadProc readProc = nullptr;
-        void* readRefCon = nullptr;
-        void* connectionRefCon = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (deliveries.empty())
@@ -907,16 +1213,12 @@ void VelmorALSAMIDIService::State::dispatch()
                 for (auto& [ref, client] : clients)
                     if (client.notifyProc)
                         targets.push_back(client);
-            } else if (delivery.kind == Delivery::Kind::Packets) {
-                auto port = inputPorts.find(delivery.port);
-                if (port == inputPorts.end())
-                    continue;
-                auto connection = port->second.connections.find(delivery.source);
-                if (connection == port->second.connections.end())
-                    continue;
-                readProc = port->second.readProc;
-                readRefCon = port->second.refCon;
-                connectionRefCon = connection->second.refCon;
+            } else if (delivery.kind == Delivery::Kind::InputDropped) {
+                // To the client that owns the port, if both are still there.
+                auto port = inputPorts.find(delivery.dropped.port);
+                auto client = port != inputPorts.end() ? clients.find(port->second.client) : clients.end();
+                if (client != clients.end() && client->second.notifyProc)
+                    targets.push_back(client->second);
             }
         }
         switch (delivery.kind) {
@@ -930,9 +1232,9 @@ void VelmorALSAMIDIService::State::dispatch()
                     client.notifyProc(reinterpret_cast<const MIDINotification*>(&delivery.addRemove), client.refCon);
             }
             break;
-        case Delivery::Kind::Packets:
-            if (readProc)
-                readProc(reinterpret_cast<const MIDIPacketList*>(delivery.image.data()), readRefCon, connectionRefCon);
+        case Delivery::Kind::InputDropped:
+            for (const Client& client : targets)
+                client.notifyProc(reinterpret_cast<const MIDINotification*>(&delivery.dropped), client.refCon);
             break;
         case Delivery::Kind::Marker: {
             std::lock_guard<std::mutex> lock(markerMutex);
@@ -1043,6 +1345,7 @@ OSStatus VelmorALSAMIDIService::clientDispose(MIDIClientRef client)
         std::lock_guard<std::mutex> lock(state.mutex);
         state.clients.erase(client);
         state.objects.erase(client);
+        state.sendTableStale.store(true, std::memory_order_release);
     }
     state.waitForCallbacks();
     return noErr;
@@ -1208,6 +1511,7 @@ OSStatus VelmorALSAMIDIService::portDispose(MIDIPortRef port)
             return state.objects.count(port) ? kMIDIInvalidPort : kMIDIParamErr;
         }
         state.objects.erase(port);
+        state.sendTableStale.store(true, std::memory_order_release);
     }
     {
         // Deleting the port ends its subscriptions too.
@@ -1304,15 +1608,25 @@ void forEachPacket(const MIDIPacketList* list, Each each)
 static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, std::optional<Address> destination,
                             const MIDIPacketList* list)
 {
-    snd_midi_event_t* encoder = nullptr;
-    if (int error = snd_midi_event_new(256, &encoder); error < 0) {
-        reportFailure("snd_midi_event_new", error);
-        return kMIDIUnknownEndpoint;
+    VelmorALSAMIDIService::State::Coder* taken = nullptr;
+    for (auto& coder : state.coders)
+        if (!coder.busy.exchange(true, std::memory_order_acquire)) {
+            taken = &coder;
+            break;
+        }
+    snd_midi_event_t* encoder = taken ? taken->coder : nullptr;
+    if (!encoder) {
+        if (int error = snd_midi_event_new(256, &encoder); error < 0) {
+            reportFailure("snd_midi_event_new", error);
+            return kMIDIUnknownEndpoint;
+        }
     }
     OSStatus status = noErr;
     forEachPacket(list, [&](MIDITimeStamp timeStamp, const std::uint8_t* data, std::size_t length) {
         snd_seq_real_time_t when {};
         const bool scheduled = state.scheduleTime(timeStamp, &when);
+        // Each packet starts afresh: no running status or half message carries over from another.
+        snd_midi_event_reset_encode(encoder);
         std::size_t at = 0;
         while (at < length && status == noErr) {
             snd_seq_event_t event;
@@ -1338,7 +1652,10 @@ static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, st
             }
         }
     });
-    snd_midi_event_free(encoder);
+    if (taken)
+        taken->busy.store(false, std::memory_order_release);
+    else
+        snd_midi_event_free(encoder);
     return status;
 }
 
@@ -1347,18 +1664,18 @@ OSStatus VelmorALSAMIDIService::received(MIDIEndpointRef source, const MIDIPacke
     if (!packetList)
         return kMIDIParamErr;
     State& state = *state_;
-    int seqPort = -1;
-    {
+    auto table = state.currentSendTable();
+    auto it = table->objects.find(source);
+    if (it == table->objects.end()) {
         std::lock_guard<std::mutex> lock(state.mutex);
-        auto it = state.objects.find(source);
-        if (it == state.objects.end())
+        if (!state.objects.count(source))
             return kMIDIParamErr;
-        auto port = state.ports.find(it->second.address);
-        if (port == state.ports.end() || !port->second.own || port->second.source != source)
-            return kMIDIUnknownEndpoint;
-        seqPort = it->second.address.second;
+        table = state.rebuildSendTable();  // it was made after the table
+        it = table->objects.find(source);
     }
-    return sendPackets(state, seqPort, std::nullopt, packetList);
+    if (!it->second.ownSource)
+        return kMIDIUnknownEndpoint;
+    return sendPackets(state, it->second.address.second, std::nullopt, packetList);
 }
 
 OSStatus VelmorALSAMIDIService::send(MIDIPortRef port, MIDIEndpointRef destination, const MIDIPacketList* packetList)
@@ -1366,24 +1683,29 @@ OSStatus VelmorALSAMIDIService::send(MIDIPortRef port, MIDIEndpointRef destinati
     if (!packetList)
         return kMIDIParamErr;
     State& state = *state_;
-    int seqPort = -1;
-    Address address;
-    bool subscribed = false;
-    {
+    auto table = state.currentSendTable();
+    auto portIt = table->objects.find(port);
+    auto it = table->objects.find(destination);
+    if (portIt == table->objects.end() || it == table->objects.end()) {
+        // Gone (an output may outlive its destination), or made after the table: the model decides.
         std::lock_guard<std::mutex> lock(state.mutex);
-        auto portIt = state.outputPorts.find(port);
-        if (portIt == state.outputPorts.end())
-            return state.objects.count(port) ? kMIDIInvalidPort : kMIDIParamErr;
-        auto it = state.objects.find(destination);
-        if (it == state.objects.end())
+        if (!state.objects.count(port))
             return kMIDIParamErr;
-        if (it->second.type != kMIDIObjectType_Destination)
-            return kMIDIUnknownEndpoint;
-        seqPort = portIt->second.seqPort;
-        address = it->second.address;
-        subscribed = portIt->second.subscribed.count(address) > 0;
+        if (!state.outputPorts.count(port))
+            return kMIDIInvalidPort;
+        if (!state.objects.count(destination))
+            return kMIDIParamErr;
+        table = state.rebuildSendTable();
+        portIt = table->objects.find(port);
+        it = table->objects.find(destination);
     }
-    if (!subscribed) {
+    if (portIt->second.outputSeqPort < 0)
+        return kMIDIInvalidPort;
+    if (it->second.type != kMIDIObjectType_Destination)
+        return kMIDIUnknownEndpoint;
+    const int seqPort = portIt->second.outputSeqPort;
+    const Address address = it->second.address;
+    if (!table->subscribed.count(subscriptionKey(seqPort, address))) {
         // Some drivers take events only while a subscription to them exists.
         int error = 0;
         {
@@ -1395,8 +1717,10 @@ OSStatus VelmorALSAMIDIService::send(MIDIPortRef port, MIDIEndpointRef destinati
             return kMIDIUnknownEndpoint;
         }
         std::lock_guard<std::mutex> lock(state.mutex);
-        if (auto portIt = state.outputPorts.find(port); portIt != state.outputPorts.end())
-            portIt->second.subscribed.insert(address);
+        if (auto portEntry = state.outputPorts.find(port); portEntry != state.outputPorts.end()) {
+            portEntry->second.subscribed.insert(address);
+            state.rebuildSendTable();
+        }
     }
     return sendPackets(state, seqPort, address, packetList);
 }
