@@ -205,17 +205,18 @@ struct VelmorALSAMIDIService::State {
     std::vector<snd_seq_event_t> burst;
     std::vector<std::size_t> dataAt;
     std::vector<std::uint8_t> burstData;
-    // Packet-list images on their way to read procedures: one per run of events for the same
-    // connection. `listsUsed` of them are filled; the rest keep their buffers for the next burst.
+    // Packet-list images on their way to read procedures: one per connection and burst, in the
+    // order of their first events. `listsUsed` of them are filled; the rest keep their buffers for
+    // the next burst.
     struct OutgoingList {
         MIDIPortRef port = 0;
         MIDIEndpointRef source = 0;
         std::uint32_t count = 0;
+        bool open = false;  // may take more packets
         std::vector<std::uint8_t> image;
     };
     std::vector<OutgoingList> lists;
     std::size_t listsUsed = 0;
-    bool listOpen = false;  // the last used list may take more packets
     std::uint64_t overruns = 0;
 
     // --- Sending -----------------------------------------------------------------------------------
@@ -1110,15 +1111,19 @@ void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, cons
     appendMessage(port, source, bytes, length, timeStamp);
 }
 
-// Adds one message to the list being filled for (port, source), as packets of at most 64 KiB. A new
-// list begins for another connection, when the list is full, and after a message that the framework
-// would join with the next packet of its list (which separate lists keep apart).
+// Adds one message to the list being filled for (port, source), as packets of at most 64 KiB. The
+// connection's next list begins when its list is full, and after a message that the framework would
+// join with the next packet of its list (which separate lists keep apart).
 void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointRef source, const std::uint8_t* bytes,
                                                  std::size_t length, MIDITimeStamp timeStamp)
 {
-    OutgoingList* list = listOpen ? &lists[listsUsed - 1] : nullptr;
-    if (list && (list->port != port || list->source != source || list->image.size() + length > kListBytes))
-        list = nullptr;
+    OutgoingList* list = nullptr;
+    for (std::size_t i = listsUsed; i-- > 0;)
+        if (lists[i].port == port && lists[i].source == source) {
+            if (lists[i].open && lists[i].image.size() + length <= kListBytes)
+                list = &lists[i];
+            break;
+        }
     if (!list) {
         if (listsUsed == lists.size())
             lists.emplace_back();
@@ -1126,8 +1131,8 @@ void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointR
         list->port = port;
         list->source = source;
         list->count = 0;
+        list->open = false;
         list->image.assign(4, 0);
-        listOpen = true;
     }
     const std::size_t packets = std::max<std::size_t>(1, (length + kMaxPacketBytes - 1) / kMaxPacketBytes);
     std::size_t at = list->image.size();
@@ -1146,7 +1151,7 @@ void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointR
     std::memcpy(out, &list->count, 4);
     const std::size_t lastSize = length - (packets - 1) * kMaxPacketBytes;
     if (endsInsideMessage(bytes + length - lastSize, lastSize))
-        listOpen = false;
+        list->open = false;
 }
 
 // Hands the filled lists to their read procedures, in order. A connection ended meanwhile gets
@@ -1178,7 +1183,6 @@ void VelmorALSAMIDIService::State::deliverLists()
         if (lists[i].image.capacity() > 4 * kListBytes)
             std::vector<std::uint8_t>().swap(lists[i].image);  // after a huge exclusive message
     listsUsed = 0;
-    listOpen = false;
 }
 
 // The sequencer lost events on their way to this client, and can't say whose: every input port with
