@@ -1131,7 +1131,7 @@ void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointR
         list->port = port;
         list->source = source;
         list->count = 0;
-        list->open = false;
+        list->open = true;
         list->image.assign(4, 0);
     }
     const std::size_t packets = std::max<std::size_t>(1, (length + kMaxPacketBytes - 1) / kMaxPacketBytes);
