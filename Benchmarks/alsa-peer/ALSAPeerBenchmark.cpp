@@ -211,8 +211,9 @@ void peerExclusive(snd_seq_t* seq, int port)
     const int outPort = snd_seq_create_simple_port(out, "Peer Sender Out", SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ,
                                                    SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
     snd_seq_t* in = openClient("Peer Receiver", SND_SEQ_OPEN_INPUT);
-    // Room for bursts, so that what the senders lose is theirs and not this reader's.
+    // Room for bursts and few reads, so that this reader keeps up with the fastest sender.
     snd_seq_set_client_pool_input(in, 2000);
+    snd_seq_set_input_buffer_size(in, 65536);
     const int inPort = snd_seq_create_simple_port(in, "Peer Receiver In", SND_SEQ_PORT_CAP_WRITE | SND_SEQ_PORT_CAP_SUBS_WRITE,
                                                   SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
     shared->senderClient = snd_seq_client_id(out);
@@ -260,6 +261,7 @@ struct Reception {
     long target = 0;
     std::atomic<std::int64_t> lastNs {0};   // when the target count was reached
     std::vector<std::int64_t> latencyNs;    // by id; sized before the trial, never in a callback
+    std::vector<std::int64_t> serviceLatencyNs;  // by id: send -> the probe on the service thread
     std::atomic<std::int64_t> exclusiveNs {0};
     std::atomic<std::int64_t> serviceNs {0};  // the service thread had the last piece (probe)
     std::atomic<std::size_t> exclusiveBytes {0};
@@ -374,6 +376,11 @@ void serviceProbeReadProc(const MIDIPacketList* list, void*, void*)
     forEachPacket(list, [](const std::uint8_t* data, std::size_t length) {
         if (length && data[length - 1] == 0xF7)
             reception.serviceNs.store(nowNs());
+        if (reception.mode == Mode::Latency && length == 3 && (data[0] & 0xF0) == 0x90) {
+            const long id = idOf(data[1], data[2]);
+            if (id >= 0 && id < long(reception.serviceLatencyNs.size()))
+                reception.serviceLatencyNs[id] = nowNs() - shared->sendNs[id];
+        }
     });
 }
 
@@ -443,10 +450,15 @@ struct PlainClient {
         snd_seq_ev_set_dest(&event, shared->receiverClient, shared->receiverPort);
         snd_seq_ev_set_direct(&event);
         snd_seq_ev_set_noteon(&event, 0, 60, 100);
-        for (long i = 0; i < count; ++i)
-            while (snd_seq_event_output_direct(seq, &event) == -EAGAIN)
+        for (long i = 0; i < count; ++i) {
+            int result;
+            while ((result = snd_seq_event_output_direct(seq, &event)) == -EAGAIN)
                 std::this_thread::yield();
+            if (result < 0)
+                refused.fetch_add(1);
+        }
     }
+    std::atomic<long> refused {0};
 };
 
 PlainClient plain;
@@ -559,6 +571,42 @@ void trialLatency(benchmark::State& state, Contender& contender)
     }
 }
 
+// The consumer's latency cut in two by a probe read procedure that is subscribed first: send -> service
+// thread, service thread -> consumer, note by note.
+void trialLatencySplit(benchmark::State& state, Contender& contender, MIDIPortRef probePort, MIDIEndpointRef source)
+{
+    for (auto _ : state) {
+        resetReception(Mode::Latency, kLatencyCount);
+        reception.latencyNs.assign(std::size_t(kLatencyCount), -1);
+        reception.serviceLatencyNs.assign(std::size_t(kLatencyCount), -1);
+        MIDIPortConnectSource(probePort, source, nullptr);
+        contender.startReceiving();
+        tellPeer(Command::Paced, kLatencyCount);
+        waitFor(contender, [] { return shared->received.load() >= kLatencyCount || shared->senderDone.load(); }, 120);
+        waitFor(contender, [] { return shared->received.load() >= kLatencyCount; }, 1.0);
+        contender.stopReceiving();
+        MIDIPortDisconnectSource(probePort, source);
+        std::vector<double> toService, toConsumer;
+        for (long id = 0; id < kLatencyCount; ++id)
+            if (reception.latencyNs[std::size_t(id)] >= 0 && reception.serviceLatencyNs[std::size_t(id)] >= 0) {
+                toService.push_back(double(reception.serviceLatencyNs[std::size_t(id)]) / 1000.0);
+                toConsumer.push_back(
+                    double(reception.latencyNs[std::size_t(id)] - reception.serviceLatencyNs[std::size_t(id)]) / 1000.0);
+            }
+        std::sort(toService.begin(), toService.end());
+        std::sort(toConsumer.begin(), toConsumer.end());
+        state.SetIterationTime(double(nowNs() - shared->startNs) / 1e9);
+        state.counters["to_service_median_us"] = percentile(toService, 0.5);
+        state.counters["to_service_p99_us"] = percentile(toService, 0.99);
+        state.counters["service_to_consumer_median_us"] = percentile(toConsumer, 0.5);
+        state.counters["service_to_consumer_p99_us"] = percentile(toConsumer, 0.99);
+        record("split service median", contender.name, percentile(toService, 0.5));
+        record("split service p99", contender.name, percentile(toService, 0.99));
+        record("split consumer median", contender.name, percentile(toConsumer, 0.5));
+        record("split consumer p99", contender.name, percentile(toConsumer, 0.99));
+    }
+}
+
 void trialSend(benchmark::State& state, Contender& contender)
 {
     for (auto _ : state) {
@@ -576,6 +624,7 @@ void trialSend(benchmark::State& state, Contender& contender)
         state.SetIterationTime(seconds);
         state.counters["us_per_call"] = seconds * 1e6 / double(kSendCount);
         state.counters["lost"] = double(kSendCount - arrived);
+        state.counters["refused"] = double(plain.refused.exchange(0));
         record("send", contender.name, seconds * 1e6 / double(kSendCount));
         losses["send"][contender.name] += kSendCount - arrived;
     }
@@ -645,6 +694,10 @@ void printTable()
         {"send", "Send per call, 100,000 notes to another client, us", "%.1f", "<= 1.0"},
         {"exclusive", "64 KiB exclusive, last byte written -> callback, ms", "%.2f", ""},
         {"exclusive hand-off", "  of which service thread -> consumer, ms", "%.2f", "(<= 2 ms)"},
+        {"split service median", "Split at 1,000 msg/s: send -> service thread, median, us", "%.0f", ""},
+        {"split service p99", "  p99, us", "%.0f", ""},
+        {"split consumer median", "Split: service thread -> consumer, median, us", "%.0f", ""},
+        {"split consumer p99", "  p99, us", "%.0f", ""},
     };
     std::printf("\nPEER TABLE: %d round(s), %ld notes windowed, %ld at 1,000/s, %ld sent, %ld CPU(s); "
                 "median (min-max) over rounds\n",
@@ -668,7 +721,7 @@ void printTable()
         }
         const Spread velmor = spreadOf(results[row.figure]["Velmor consumer"]);
         const Spread rtmidi = spreadOf(results[row.figure]["RtMidi"]);
-        if (velmor.n && rtmidi.n && std::string(row.figure) != "exclusive hand-off")
+        if (velmor.n && rtmidi.n)
             std::printf(" %.2f | %s |\n", velmor.median / rtmidi.median, row.target);
         else
             std::printf(" - | %s |\n", row.target);
@@ -799,6 +852,13 @@ int main(int argc, char** argv)
     registerTrials("receive", trialReceive);
     registerTrials("latency", trialLatency);
     registerTrials("send", trialSend);
+    // The split runs on the consumer alone, once a round.
+    for (int round = 0; round < kRounds; ++round) {
+        const std::string name = "latency-split/Velmor consumer/round:" + std::to_string(round + 1);
+        benchmark::RegisterBenchmark(name.c_str(), [&, probePort](benchmark::State& state) {
+            trialLatencySplit(state, contenders[0], probePort, source->object());
+        })->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+    }
     registerTrials("exclusive", [&](benchmark::State& state, Contender& contender) {
         trialExclusive(state, contender, &contender == &contenders[0], probePort, source->object());
     });

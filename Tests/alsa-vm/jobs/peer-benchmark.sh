@@ -5,5 +5,5 @@
 # vm-packages: librtmidi-dev libbenchmark-dev
 # vm-cmake: -DVELMOR_BUILD_BENCHMARKS=ON
 # vm-timeout: 900
-if [ -n "$PEER_FILTER" ]; then velmor_alsa_peer_benchmark "--benchmark_filter=$PEER_FILTER"
-else velmor_alsa_peer_benchmark; fi
+if [ -n "$PEER_FILTER" ]; then velmor_alsa_peer_benchmark --benchmark_color=false "--benchmark_filter=$PEER_FILTER"
+else velmor_alsa_peer_benchmark --benchmark_color=false; fi

@@ -6,7 +6,7 @@
 # vm-cmake: -DVELMOR_BUILD_BENCHMARKS=ON
 # vm-timeout: 120
 PEER_ROUNDS=1 PEER_RECEIVE_COUNT=500 PEER_LATENCY_COUNT=100 PEER_SEND_COUNT=1000 \
-    velmor_alsa_peer_benchmark > /tmp/peer-smoke.out 2>&1
+    velmor_alsa_peer_benchmark --benchmark_color=false > /tmp/peer-smoke.out 2>&1
 rc=$?
 cat /tmp/peer-smoke.out
 [ $rc = 0 ] && grep -q '^PEER TABLE' /tmp/peer-smoke.out
