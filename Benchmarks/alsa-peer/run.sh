@@ -24,10 +24,12 @@ for name in PEER_RECEIVE_COUNT PEER_LATENCY_COUNT PEER_SEND_COUNT; do
     [ -z "${!name:-}" ] || env+=" $name=${!name}"
 done
 [ -z "$filter" ] || env+=" PEER_FILTER=$filter"
-export WORK=${WORK:-$ROOT/build-alsa-peer} VM_JOB=$job VM_SMP=$smp VM_JOB_ENV=$env
+# The other builds on a shared machine starve the emulator less at a higher priority.
+export WORK=${WORK:-$ROOT/build-alsa-peer} VM_JOB=$job VM_SMP=$smp VM_JOB_ENV=$env VM_NICE=${VM_NICE:--10}
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 rc=0
 "$ROOT/Tests/alsa-vm/run-vm-suite.sh" || rc=$?
 echo
-echo "commit $(git -C "$ROOT" rev-parse --short HEAD)$(git -C "$ROOT" diff --quiet HEAD -- Source || echo ' (Source changed)'), -smp $smp"
+echo "commit $(git -C "$ROOT" rev-parse --short HEAD)$(git -C "$ROOT" diff --quiet HEAD -- Source || echo ' (Source changed)'), -smp $smp, host load before $load_before, after $(cut -d' ' -f1-3 /proc/loadavg)"
 sed -n '/^PEER TABLE/,/^Velmor consumer:/p' "$WORK/console.log"
 exit $rc
