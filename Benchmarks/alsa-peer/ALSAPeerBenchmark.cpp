@@ -579,8 +579,13 @@ void trialLatencySplit(benchmark::State& state, Contender& contender, MIDIPortRe
         resetReception(Mode::Latency, kLatencyCount);
         reception.latencyNs.assign(std::size_t(kLatencyCount), -1);
         reception.serviceLatencyNs.assign(std::size_t(kLatencyCount), -1);
-        MIDIPortConnectSource(probePort, source, nullptr);
+        // PEER_PROBE_AFTER=1 subscribes the probe after the manager's port, to see whether the order counts.
+        static const bool probeAfter = setting("PEER_PROBE_AFTER", 0) != 0;
+        if (!probeAfter)
+            MIDIPortConnectSource(probePort, source, nullptr);
         contender.startReceiving();
+        if (probeAfter)
+            MIDIPortConnectSource(probePort, source, nullptr);
         tellPeer(Command::Paced, kLatencyCount);
         waitFor(contender, [] { return shared->received.load() >= kLatencyCount || shared->senderDone.load(); }, 120);
         waitFor(contender, [] { return shared->received.load() >= kLatencyCount; }, 1.0);
