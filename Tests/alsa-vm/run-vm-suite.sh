@@ -1,25 +1,50 @@
 #!/bin/bash
-# The ALSA sequencer suite: builds Velmor's VM test program, packs it with Debian's kernel, the sound and
-# USB gadget modules and busybox into an initramfs, boots it in qemu (no KVM needed) and checks the
-# result line. Exit status 0 on success; a clear SKIP line and status 0 where qemu cannot be installed.
+# The ALSA sequencer VM: builds the programs that the chosen jobs (jobs/<name>.sh) need, packs them with
+# Debian's kernel, the sound and USB gadget modules and busybox into an initramfs, boots it in qemu (no
+# KVM needed), runs the jobs in it and checks a result line per job. Exit status 0 when every job
+# passed; a clear SKIP line and status 0 where qemu cannot be installed.
 #
-#   Tests/alsa-vm/run-vm-suite.sh           install what is missing, build, boot
+#   Tests/alsa-vm/run-vm-suite.sh           install what is missing, build, boot (the suite job)
 #   Tests/alsa-vm/run-vm-suite.sh boot      boot the last build again
+#   VM_JOB=name[,name...]                   the jobs to run, in this order, in one boot (default: suite)
+#   VM_JOB_ENV="NAME=value ..."             variables for the jobs (no spaces inside a value)
+#   VM_SMP=n, VM_MEM=MB                     CPUs (default 1) and memory (default 512) of the VM
 #   WORK=dir, VM_ACCEL=kvm                  where to build (default build-alsa-vm/), qemu's accelerator
-#   VM_SANITIZE=address|thread              the test program under AddressSanitizer+UBSan or TSan
+#   VM_SANITIZE=address|thread              the programs under AddressSanitizer+UBSan or TSan
 set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 ROOT=$(cd "$HERE/../.." && pwd)
 VM_SANITIZE=${VM_SANITIZE:-}
 WORK=${WORK:-$ROOT/build-alsa-vm${VM_SANITIZE:+-$VM_SANITIZE}}
 KROOT=${KROOT:-$ROOT/build-alsa-vm/kernel}  # the unpacked kernel package, shared by all builds
-BOOT_TIMEOUT=${BOOT_TIMEOUT:-420}  # seconds for the whole VM run
+VM_JOB=${VM_JOB:-suite}
+VM_JOB_ENV=${VM_JOB_ENV:-}
+VM_SMP=${VM_SMP:-1}
+VM_MEM=${VM_MEM:-512}
 MODULES="snd-seq-dummy snd-hrtimer configfs dummy_hcd usb_f_midi snd-usb-audio snd-seq-midi"
 mkdir -p "$WORK"
 t() { date +%s.%N; }
 elapsed() { awk -v a="$1" -v b="$(t)" 'BEGIN{printf "%.1f", b-a}'; }
 log() { echo "[alsa-vm] $*" >&2; }
 T0=$(t)
+
+JOBS=$(echo "$VM_JOB" | tr ',' ' ')
+# A job script says what it needs in comment lines: "# vm-<key>: value ...".
+job_field() { sed -n "s/^# vm-$2: *//p" "$HERE/jobs/$1.sh" | tr '\n' ' '; }
+JOB_PROGRAMS="" JOB_HOST_PROGRAMS="" JOB_PACKAGES="" JOB_CMAKE="" JOB_SECONDS=0
+for job in $JOBS; do
+    [ -f "$HERE/jobs/$job.sh" ] || { log "FAIL: no job '$job' (known: $(cd "$HERE/jobs" && ls *.sh | sed 's/\.sh$//' | tr '\n' ' '))"; exit 2; }
+    JOB_PROGRAMS+=" $(job_field "$job" programs)"
+    JOB_HOST_PROGRAMS+=" $(job_field "$job" host-programs)"
+    JOB_PACKAGES+=" $(job_field "$job" packages)"
+    JOB_CMAKE+=" $(job_field "$job" cmake)"
+    limit=$(job_field "$job" timeout | awk '{print $1+0}')
+    [ "${limit:-0}" -gt 0 ] || limit=240
+    JOB_SECONDS=$((JOB_SECONDS + limit))
+done
+JOB_PROGRAMS=$(printf '%s\n' $JOB_PROGRAMS | sort -u | tr '\n' ' ')
+JOB_HOST_PROGRAMS=$(printf '%s\n' $JOB_HOST_PROGRAMS | sort -u | tr '\n' ' ')
+BOOT_TIMEOUT=${BOOT_TIMEOUT:-$((JOB_SECONDS + 180))}  # seconds for the whole VM run
 
 install_packages() {
     local missing=()
@@ -31,6 +56,8 @@ install_packages() {
     command -v depmod >/dev/null || missing+=(kmod)
     command -v xz >/dev/null || missing+=(xz-utils)
     command -v pkg-config >/dev/null || missing+=(pkg-config)
+    local p
+    for p in $JOB_PACKAGES; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
     if [ ${#missing[@]} -gt 0 ]; then
         log "installing: ${missing[*]}"
         export DEBIAN_FRONTEND=noninteractive
@@ -91,12 +118,25 @@ build() {
         "") ;;
         *) log "FAIL: VM_SANITIZE is address or thread"; exit 2 ;;
     esac
+    # Jobs' own options come last and win (for example -DVELMOR_BUILD_TOOLS=ON).
+    # shellcheck disable=SC2086
     timeout 900 cmake -S "$ROOT" -B "$WORK/cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DVELMOR_BUILD_BENCHMARKS=OFF -DVELMOR_BUILD_TOOLS=OFF "${flags[@]}" >/dev/null
-    timeout 900 cmake --build "$WORK/cmake" -j2 --target velmor_alsa_vm_tests >&2
-    local program=$WORK/cmake/Tests/alsa-vm/velmor_alsa_vm_tests
-    [ -x "$program" ] || { log "FAIL: test program not built"; exit 1; }
-    log "program built in $(elapsed "$t0") s"
+        -DVELMOR_BUILD_BENCHMARKS=OFF -DVELMOR_BUILD_TOOLS=OFF "${flags[@]}" $JOB_CMAKE >/dev/null
+    local programs=() p found
+    if [ -n "${JOB_PROGRAMS// /}" ]; then
+        # shellcheck disable=SC2086
+        timeout 900 cmake --build "$WORK/cmake" -j2 --target $JOB_PROGRAMS >&2
+        for p in $JOB_PROGRAMS; do
+            found=$(find "$WORK/cmake" -type f -name "$p" -perm -u+x -not -path '*/CMakeFiles/*' | head -1)
+            [ -n "$found" ] || { log "FAIL: program $p not built"; exit 1; }
+            programs+=("$found")
+        done
+    fi
+    for p in $JOB_HOST_PROGRAMS; do
+        found=$(command -v "$p") || { log "FAIL: host program $p not found"; exit 1; }
+        programs+=("$found")
+    done
+    log "programs built in $(elapsed "$t0") s: ${JOB_PROGRAMS}, from the host: ${JOB_HOST_PROGRAMS}"
 
     local R="$WORK/root"
     rm -rf "$R"
@@ -104,9 +144,17 @@ build() {
     ln -s bin "$R/sbin"; ln -s ../bin "$R/usr/bin"
     cp /bin/busybox "$R/bin/busybox"
     for a in $(/bin/busybox --list); do [ -e "$R/bin/$a" ] || ln -s busybox "$R/bin/$a"; done
-    cp "$program" /usr/bin/aconnect /usr/bin/aseqdump "$R/bin/"
-    [ -n "$VM_SANITIZE" ] || strip "$R/bin/velmor_alsa_vm_tests" 2>/dev/null || true
-    for f in $(ldd "$program" /usr/bin/aconnect /usr/bin/aseqdump |
+    for p in "${programs[@]}"; do
+        rm -f "$R/bin/${p##*/}"  # a busybox link of that name: cp would write through it
+        cp "$p" "$R/bin/"
+    done
+    if [ -z "$VM_SANITIZE" ]; then
+        for p in $JOB_PROGRAMS; do strip "$R/bin/$p" 2>/dev/null || true; done
+    fi
+    mkdir -p "$R/jobs"
+    cp "$HERE"/jobs/* "$R/jobs/"
+    [ ${#programs[@]} -eq 0 ] ||
+    for f in $(ldd "${programs[@]}" |
                awk '$2 == "=>" && $3 ~ /^\// {print $3} $1 ~ /^\/.*ld-linux/ {print $1}' | sort -u); do
         mkdir -p "$R$(dirname "$f")"
         cp -L "$f" "$R$f"
@@ -140,15 +188,26 @@ boot() {
     # Software emulation by default: KVM inside a virtual machine (as on CI runners) can hang at boot.
     local accel=${VM_ACCEL:-tcg} t0 rc=0
     t0=$(t)
-    log "booting ($accel), console log: $WORK/console.log"
+    local append="console=ttyS0 quiet panic=-1 velmor_jobs=$(echo $JOBS | tr ' ' ',')" kv
+    for kv in $VM_JOB_ENV; do append+=" velmor_env=$kv"; done
+    log "booting ($accel, $VM_SMP CPU, jobs: $JOBS), console log: $WORK/console.log"
     timeout --kill-after=10 "$BOOT_TIMEOUT" qemu-system-x86_64 \
-        -accel "$accel" -m 512 -smp 1 -nic none \
+        -accel "$accel" -m "$VM_MEM" -smp "$VM_SMP" -nic none \
         -kernel "$WORK/kernel.img" -initrd "$WORK/initramfs.cpio.gz" \
-        -append "console=ttyS0 quiet panic=-1" \
+        -append "$append" \
         -nographic -no-reboot </dev/null | tr -d '\r' | tee "$WORK/console.log" || rc=$?
-    log "qemu status $rc, VM wall time $(elapsed "$t0") s, suite total $(elapsed "$T0") s"
-    if grep -aq '^VELMOR-VM-SUITE: PASS' "$WORK/console.log"; then log PASS; return 0; fi
-    log "FAIL: $(grep -a '^VELMOR-VM-SUITE\|^FAIL' "$WORK/console.log" | tr '\n' ' ' || echo 'no result line (VM crashed or timed out)')"
+    log "qemu status $rc, VM wall time $(elapsed "$t0") s, total $(elapsed "$T0") s"
+    local job failed=()
+    for job in $JOBS; do
+        if grep -aq "^VELMOR-VM-JOB: $job PASS" "$WORK/console.log"; then log "PASS: job $job"
+        else
+            failed+=("$job")
+            log "FAIL: job $job: $(grep -a "^VELMOR-VM-JOB: $job \|^FAIL" "$WORK/console.log" | tr '\n' ' ' || true)"
+        fi
+    done
+    [ ${#failed[@]} -eq 0 ] && { log PASS; return 0; }
+    grep -aq '^VELMOR-VM-SUITE:' "$WORK/console.log" || log "no result line (VM crashed or timed out)"
+    log "FAIL: ${failed[*]}"
     return 1
 }
 

@@ -63,6 +63,10 @@ inline constexpr MIDINotificationMessageID kMIDIMsgSetupChanged = 1;
 inline constexpr MIDINotificationMessageID kMIDIMsgObjectAdded = 2;
 inline constexpr MIDINotificationMessageID kMIDIMsgObjectRemoved = 3;
 inline constexpr MIDINotificationMessageID kMIDIMsgPropertyChanged = 4;
+// Our own record: the service lost input on its way to an input port (a sequencer overrun, a full
+// ring, a bound of its own). Sent on the service's thread to the notification callback of the client
+// that owns the port.
+inline constexpr MIDINotificationMessageID kMIDIMsgVelmorInputDropped = 0x7601;
 
 struct MIDINotification {
     MIDINotificationMessageID messageID;  // offset 0
@@ -86,13 +90,29 @@ struct MIDIObjectPropertyChangeNotification {
     const char* propertyName;             // offset 16: NUL-terminated, valid during the call only
 };
 
+struct MIDIInputDroppedNotification {
+    MIDINotificationMessageID messageID;  // offset 0: kMIDIMsgVelmorInputDropped
+    std::uint32_t messageSize;            // offset 4
+    MIDIPortRef port;                     // offset 8: the input port that lost the input
+    MIDIEndpointRef source;               // offset 12: 0 when the service cannot tell
+    std::uint64_t eventsLost;             // offset 16: 0 when the service cannot tell
+};
+
 static_assert(offsetof(MIDIObjectAddRemoveNotification, parent) == 8);
 static_assert(offsetof(MIDIObjectAddRemoveNotification, childType) == 20);
 static_assert(offsetof(MIDIObjectPropertyChangeNotification, object) == 8);
 static_assert(offsetof(MIDIObjectPropertyChangeNotification, objectType) == 12);
 static_assert(offsetof(MIDIObjectPropertyChangeNotification, propertyName) == 16);
+static_assert(offsetof(MIDIInputDroppedNotification, port) == 8);
+static_assert(offsetof(MIDIInputDroppedNotification, source) == 12);
+static_assert(offsetof(MIDIInputDroppedNotification, eventsLost) == 16);
+static_assert(sizeof(MIDIInputDroppedNotification) == 24);
 
 // Called on a thread of the service with a record that lives for the call only.
+// A context value (the client's notifyRefCon, a port's refCon, a connection's connRefCon) may be used
+// by the service until the matching MIDIClientDispose / MIDIPortDispose / MIDIPortDisconnectSource has
+// returned noErr; once it has, no callback with that context runs or will run (a call made from
+// inside such a callback does not wait for itself).
 using MIDINotifyProc = void (*)(const MIDINotification* message, void* refCon);
 // Called on a thread of the service with the port's reference and the connection's reference.
 using MIDIReadProc = void (*)(const MIDIPacketList* packetList, void* readProcRefCon, void* srcConnRefCon);
