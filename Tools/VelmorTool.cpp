@@ -6,6 +6,7 @@
 #include <cctype>
 #include <map>
 #include <sstream>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -257,7 +258,9 @@ void chooseService(const std::string& service, VelmorToolIO& io, bool quiet)
         if (!VelmorPlatform::useALSAService())
             fail("the ALSA sequencer cannot be opened (no /dev/snd/seq, no permission, or built without libasound)");
     } else if (service == "system") {
-        if (!VelmorPlatform::useSystemServiceIfAvailable() && !quiet)
+        // Without a sequencer device there is nothing to probe (and libasound would complain of it).
+        const bool sequencer = access("/dev/snd/seq", F_OK) == 0;
+        if ((!sequencer || !VelmorPlatform::useSystemServiceIfAvailable()) && !quiet)
             io.err << "velmor: no system MIDI service here; using the in-process service, which starts empty\n";
     } else {
         usage("--service: unknown service \"" + service + "\" (in-process, alsa)");
