@@ -355,6 +355,19 @@ void VelmorInputPort::addSource(const std::shared_ptr<VelmorRemoteSource>& sourc
         VELMOR_FAILED_WITH("noErr == status", status);
         return;  // a refused connection leaves the service nothing to call with
     }
+    // The service keeps one connection per endpoint, and a new one replaces the old: another object of
+    // this endpoint is no longer connected, and must not disconnect this one later. At its next
+    // consumer it connects again. No call ended the old connection's context: it is kept.
+    std::erase_if(mutableSources_, [&](const std::shared_ptr<VelmorRemoteSource>& member) {
+        return member != source && member->object() == endpoint;
+    });
+    std::erase_if(connections_, [&](std::shared_ptr<ConnectionContext>& connection) {
+        const auto member = connection->object<VelmorRemoteSource>();
+        if (!member || member == source || member->object() != endpoint)
+            return false;
+        VelmorCallbackContext::end(std::move(connection), false);
+        return true;
+    });
     if (context)
         connections_.push_back(std::move(context));
     mutableSources_.push_back(source);
