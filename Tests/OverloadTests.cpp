@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <mutex>
+
 #include "ReceiveTestSupport.h"
 #include "VelmorPacketList.h"
 
@@ -157,4 +160,55 @@ TEST_F(Overload, InputTheServiceLostIsReportedWithItsSourceOrWithout)
     EXPECT_EQ((std::vector<std::string>(journal->begin(), journal->begin() + 2)),
               (std::vector<std::string> {"dropped 12", "dropped 0"}));
     EXPECT_EQ(heard->events.size(), 20u);
+}
+
+TEST_F(Overload, TheInProcessServiceBoundsWhatWaitsForItsThreadAndTellsWhatItLost)
+{
+    // Another client's read procedure holds the service's thread, as a slow reader would.
+    struct Blocker {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool entered = false;
+        bool released = false;
+        int calls = 0;
+        static void read(const VelmorPlatform::MIDIPacketList*, void* refCon, void*)
+        {
+            auto* self = static_cast<Blocker*>(refCon);
+            std::unique_lock<std::mutex> lock(self->mutex);
+            ++self->calls;
+            self->entered = true;
+            self->changed.notify_all();
+            self->changed.wait(lock, [self] { return self->released; });
+        }
+    } blocker;
+    VelmorPlatform::MIDIClientRef client = 0;
+    VelmorPlatform::MIDIPortRef port = 0;
+    ASSERT_EQ(service().clientCreate("Slow", nullptr, nullptr, &client), VelmorPlatform::noErr);
+    ASSERT_EQ(service().inputPortCreate(client, "Slow", &Blocker::read, &blocker, &port), VelmorPlatform::noErr);
+    ASSERT_EQ(service().portConnectSource(port, device.source, nullptr), VelmorPlatform::noErr);
+    service().setMaximumPendingCallbacks(10, std::size_t(1) << 20);
+
+    inject({0x90, 0x00, 0x40});
+    {
+        std::unique_lock<std::mutex> lock(blocker.mutex);
+        blocker.changed.wait(lock, [&] { return blocker.entered; });
+    }
+    for (int i = 1; i <= 100; ++i)
+        inject({0x90, static_cast<std::uint8_t>(i), 0x40});
+    {
+        std::lock_guard<std::mutex> lock(blocker.mutex);
+        blocker.released = true;
+    }
+    blocker.changed.notify_all();
+    service().waitUntilIdle();
+    settle();
+    service().setMaximumPendingCallbacks(16384, std::size_t(4) << 20);
+
+    EXPECT_EQ(blocker.calls, 11);
+    EXPECT_EQ(heard->events.size(), 11u);
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].source, source);
+    EXPECT_EQ(received[0].count, 90u);
+    service().portDispose(port);
+    service().clientDispose(client);
 }
