@@ -202,7 +202,7 @@ TEST_F(Overload, TheInProcessServiceBoundsWhatWaitsForItsThreadAndTellsWhatItLos
     blocker.changed.notify_all();
     service().waitUntilIdle();
     settle();
-    service().setMaximumPendingCallbacks(16384, std::size_t(4) << 20);
+    service().setMaximumPendingCallbacks(8192, std::size_t(2) << 20);
 
     EXPECT_EQ(blocker.calls, 11);
     EXPECT_EQ(heard->events.size(), 11u);

@@ -1,5 +1,7 @@
 #include "VelmorInputPort.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <atomic>
 #include <limits>
@@ -40,14 +42,28 @@ struct VelmorInputPort::PortContext final : VelmorCallbackContext {
         pendingBytes.fetch_add(bytes, std::memory_order_relaxed);
         return true;
     }
+    // Main thread. Once a large backlog has drained, its memory goes back to the system: the lists
+    // were made on another thread, and the allocator would otherwise keep their pages for good.
     void delivered(std::uint64_t events, std::uint64_t bytes)
     {
-        pendingEvents.fetch_sub(events, std::memory_order_relaxed);
+        const std::uint64_t waiting = release(events, bytes);
+        peakSinceTrim = std::max(peakSinceTrim, waiting + events);
+        if (waiting == 0 && peakSinceTrim >= 4096) {
+            peakSinceTrim = 0;
+            malloc_trim(0);
+        }
+    }
+
+    // Any thread: gives back what admit() reserved; returns the events still waiting.
+    std::uint64_t release(std::uint64_t events, std::uint64_t bytes)
+    {
         pendingBytes.fetch_sub(bytes, std::memory_order_relaxed);
+        return pendingEvents.fetch_sub(events, std::memory_order_relaxed) - events;
     }
 
     std::atomic<std::uint64_t> pendingEvents {0};
     std::atomic<std::uint64_t> pendingBytes {0};
+    std::uint64_t peakSinceTrim = 0;  // main thread
 };
 
 // What the service calls the read procedure with for one connection: the source, weakly, and what
@@ -221,7 +237,7 @@ void VelmorInputPortDefaultReadProc(const VelmorPlatform::MIDIPacketList* packet
     }
     auto port = portContext->object<VelmorInputPort>();
     if (!port) {
-        portContext->delivered(events, bytes);
+        portContext->release(events, bytes);
         return;
     }
     // Even without a source the call goes to the main thread: the port's last reference must drop there.

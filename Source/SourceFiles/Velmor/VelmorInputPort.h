@@ -68,7 +68,7 @@ public:
     static void setMaximumPendingInputEvents(std::uint64_t events);
     static std::uint64_t maximumPendingInputBytes();
     static void setMaximumPendingInputBytes(std::uint64_t bytes);
-    static constexpr std::uint64_t defaultMaximumPendingInputEvents = 16384;
+    static constexpr std::uint64_t defaultMaximumPendingInputEvents = 8192;
     static constexpr std::uint64_t defaultMaximumPendingInputBytes = 1 << 20;
     // Events waiting for the main thread now.
     std::uint64_t pendingInputEvents() const;

@@ -96,7 +96,7 @@ public:
     static void setLocalOutputManufacturer(const std::optional<std::string>& manufacturer);
     static void setLocalOutputModel(const std::optional<std::string>& model);
     // An extension: the bound on incoming MIDI that waits for the main thread, over all sources, in
-    // events and in bytes of MIDI data (defaults 16384 and 1 MiB, a few MB of memory in all). Input
+    // events and in bytes of MIDI data (defaults 8192 and 1 MiB, a few MB of memory in all). Input
     // beyond it is dropped and reported by VelmorManager_SourceDidDropEventsNotification. A single list
     // larger than the bound still gets through when nothing else waits. Any thread, at any time.
     static std::uint64_t maximumPendingInputEvents();

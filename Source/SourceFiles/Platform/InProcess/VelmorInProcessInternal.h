@@ -239,11 +239,13 @@ public:
 
     bool onServiceThread() const { return std::this_thread::get_id() == threadId_; }
 
-    // `fill` writes `size` bytes of packet-list image. Beyond the bound the list is dropped, and each
-    // connection's client hears how many packets it lost, once per run of losses, ahead of nothing: in
-    // order, but the report takes no room of its own beyond one entry per connection.
+    // `fill` writes `size` bytes of packet-list image. A device's input (`bounded`) beyond the bound is
+    // dropped, as a device can't be made to wait, and each connection's client hears how many packets
+    // it lost, once per run of losses: the report takes one entry per connection at most. A client's
+    // own MIDIReceived is not dropped: nothing in the process may lose what a program sent.
     template <class Fill>
-    void enqueuePackets(std::shared_ptr<const ConnectionList> connections, std::size_t size, Fill&& fill)
+    void enqueuePackets(std::shared_ptr<const ConnectionList> connections, std::size_t size, Fill&& fill,
+                        bool bounded = false)
     {
         Entry entry;
         entry.kind = Entry::Kind::Packets;
@@ -251,7 +253,7 @@ public:
         const std::size_t before = pending_.bytes.size();
         entry.offset = reserve(size);
         fill(pending_.bytes.data() + entry.offset);
-        if (!pending_.entries.empty()
+        if (bounded && !pending_.entries.empty()
             && (pending_.entries.size() >= maximumEntries_ || pending_.bytes.size() > maximumBytes_)) {
             const std::uint64_t packets = getLE(pending_.bytes.data() + entry.offset, 4);
             pending_.bytes.resize(before);
@@ -492,8 +494,8 @@ private:
     std::uint64_t enqueuedByService_ = 0;
     std::uint64_t done_ = 0;
     int idleWaiters_ = 0;
-    std::size_t maximumEntries_ = 16384;
-    std::size_t maximumBytes_ = std::size_t(4) << 20;
+    std::size_t maximumEntries_ = 8192;
+    std::size_t maximumBytes_ = std::size_t(2) << 20;
     std::atomic<CallbackKey> running_ {0};
     std::atomic<bool> abandon_ {false};
     std::thread thread_;
