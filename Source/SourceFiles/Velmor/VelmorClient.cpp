@@ -71,7 +71,7 @@ std::string VelmorClient::description() const
 
 void VelmorNotificationCallback(const MIDINotification* message, void* refCon)
 {
-    if (!message)
+    if (!message || VelmorPlatform::processIsExiting())
         return;
     auto* context = VelmorCallbackContext::fromReference<ClientContext>(refCon);
     if (!context)

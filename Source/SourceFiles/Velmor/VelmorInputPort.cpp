@@ -219,7 +219,7 @@ std::uint64_t byteCount(const VelmorPacketList& list)
 void VelmorInputPortDefaultReadProc(const VelmorPlatform::MIDIPacketList* packetList, void* readProcRefCon,
                                     void* srcConnRefCon)
 {
-    if (!readProcRefCon || !srcConnRefCon)
+    if (!readProcRefCon || !srcConnRefCon || VelmorPlatform::processIsExiting())
         return;
     // The port gave the service these contexts, which outlive every call the service may still make.
     auto* portContext = static_cast<VelmorInputPort::PortContext*>(static_cast<VelmorRootObject*>(readProcRefCon));
