@@ -51,6 +51,10 @@ public:
 struct Setup {
     Setup()
     {
+        // The throughput runs inject a whole batch before serving: they measure speed, not the bound.
+        VelmorManager::setMaximumPendingInputEvents(std::uint64_t(1) << 24);
+        VelmorManager::setMaximumPendingInputBytes(std::uint64_t(1) << 30);
+        Service::sharedService()->setMaximumPendingCallbacks(std::size_t(1) << 24, std::size_t(1) << 30);
         device = Service::sharedService()->createSimpleDevice("Bench", "Velmor", "B1", true, false);
         manager = VelmorManager::sharedManager();
         Service::sharedService()->waitUntilIdle();

@@ -114,7 +114,7 @@ TEST(ClientTest, CallbackWrapsRecordsAndDropsWhatIsNotForIt)
     deliverPending();
     NotificationRecorder recorder({VelmorClient_ObjectAddedNotification, VelmorClient_ObjectRemovedNotification,
                                    VelmorClient_PropertyChangedNotification});
-    void* context = static_cast<VelmorRootObject*>(client.get());
+    void* context = client->notificationContext();
     auto other = NotAClient::make();
 
     MIDIObjectAddRemoveNotification added{kMIDIMsgObjectAdded, sizeof added, 0, 0, 7, 0x12};

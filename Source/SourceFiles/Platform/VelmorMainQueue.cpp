@@ -3,9 +3,39 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <thread>
+namespace {
+
+struct WorkItem final : VelmorMainQueueItem {
+    explicit WorkItem(VelmorMainQueue::Work w) : work(std::move(w)) {}
+    void run() override { work(); }
+    VelmorMainQueue::Work work;
+};
+
+} // namespace
+
+void VelmorMainQueue::List::push(VelmorMainQueueItem* item)
+{
+    item->next_ = nullptr;
+    if (tail)
+        tail->next_ = item;
+    else
+        head = item;
+    tail = item;
+    ++size;
+}
+
+VelmorMainQueueItem* VelmorMainQueue::List::pop()
+{
+    VelmorMainQueueItem* item = head;
+    if (!item)
+        return nullptr;
+    head = item->next_;
+    if (!head)
+        tail = nullptr;
+    item->next_ = nullptr;
+    --size;
+    return item;
+}
 
 VelmorMainQueue& VelmorMainQueue::mainQueue()
 {
@@ -21,7 +51,7 @@ int VelmorMainQueue::fileDescriptor() const
     std::lock_guard<std::mutex> lock(mutex_);
     if (!descriptorWanted_) {
         descriptorWanted_ = true;
-        setSignalled(!items_.empty() || !taken_.empty());
+        setSignalled(!items_.empty() || !urgent_.empty() || !taken_.empty());
     }
     return eventFd_;
 }
@@ -41,36 +71,68 @@ void VelmorMainQueue::setSignalled(bool signalled) const
 
 void VelmorMainQueue::post(Work work)
 {
+    push(new WorkItem(std::move(work)), false);
+}
+
+void VelmorMainQueue::post(VelmorMainQueueItem* item)
+{
+    if (item)
+        push(item, false);
+}
+
+void VelmorMainQueue::postUrgent(Work work)
+{
+    push(new WorkItem(std::move(work)), true);
+}
+
+void VelmorMainQueue::push(VelmorMainQueueItem* item, bool urgent)
+{
+    bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        items_.push_back(std::move(work));
-        postedCount_.store(items_.size(), std::memory_order_relaxed);
+        if (urgent) {
+            urgent_.push(item);
+            urgentPending_.store(true, std::memory_order_release);
+        } else {
+            items_.push(item);
+        }
         setSignalled(true);
+        // Only a sleeping server needs the kernel's help; a busy one finds the item by itself.
+        wake = sleeping_;
+        sleeping_ = false;
     }
-    posted_.notify_one();
+    if (wake)
+        posted_.notify_one();
 }
 
 bool VelmorMainQueue::runOne()
 {
-    Work work;
+    VelmorMainQueueItem* item = nullptr;
     {
         std::lock_guard<std::mutex> serving(servingMutex_);
-        if (taken_.empty()) {
+        if (urgentPending_.load(std::memory_order_acquire)) {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (items_.empty())
-                return false;
-            taken_.swap(items_);
-            postedCount_.store(0, std::memory_order_relaxed);
+            item = urgent_.pop();
+            urgentPending_.store(!urgent_.empty(), std::memory_order_relaxed);
         }
-        work = std::move(taken_.front());
-        taken_.pop_front();
+        if (!item) {
+            if (taken_.empty()) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (items_.empty())
+                    return false;
+                std::swap(taken_, items_);
+                ++passes_;
+            }
+            item = taken_.pop();
+        }
         if (taken_.empty() && descriptorWanted_) {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (items_.empty())
+            if (items_.empty() && urgent_.empty())
                 setSignalled(false);
         }
     }
-    work();
+    item->run();
+    item->release();
     return true;
 }
 
@@ -88,21 +150,6 @@ void VelmorMainQueue::runFor(std::chrono::nanoseconds duration)
     runUntil([] { return false; }, duration);
 }
 
-bool VelmorMainQueue::awaitPostBriefly(std::chrono::steady_clock::time_point deadline) const
-{
-    // Items tend to come in runs: the next one is often microseconds away. Looking for it a little while
-    // spares both threads a wake-up through the kernel.
-    const auto until = std::min(deadline, std::chrono::steady_clock::now() + std::chrono::microseconds(20));
-    for (unsigned round = 1;; ++round) {
-        if (postedCount_.load(std::memory_order_relaxed) != 0)
-            return true;
-        if (round % 4 == 0 && std::chrono::steady_clock::now() >= until)
-            return false;
-        // Leaves the processor to the poster when it waits for one.
-        std::this_thread::yield();
-    }
-}
-
 bool VelmorMainQueue::runUntil(const std::function<bool()>& condition, std::chrono::nanoseconds timeout)
 {
     // A long timeout means "forever"; adding it to now must not overflow.
@@ -115,11 +162,15 @@ bool VelmorMainQueue::runUntil(const std::function<bool()>& condition, std::chro
             return true;
         if (std::chrono::steady_clock::now() >= deadline)
             break;
-        if (runOne() || awaitPostBriefly(deadline))
+        if (runOne())
             continue;
+        // No spinning: on one processor a look-ahead loop takes time from the thread that feeds us.
         std::unique_lock<std::mutex> lock(mutex_);
-        if (items_.empty()) {
-            if (posted_.wait_until(lock, deadline, [this] { return !items_.empty(); }) == false)
+        if (items_.empty() && urgent_.empty()) {
+            sleeping_ = true;
+            const bool woken = posted_.wait_until(lock, deadline, [this] { return !items_.empty() || !urgent_.empty(); });
+            sleeping_ = false;
+            if (!woken)
                 break;
         }
     }
@@ -130,5 +181,5 @@ std::size_t VelmorMainQueue::pendingCount() const
 {
     std::lock_guard<std::mutex> serving(servingMutex_);
     std::lock_guard<std::mutex> lock(mutex_);
-    return taken_.size() + items_.size();
+    return taken_.size + items_.size + urgent_.size;
 }

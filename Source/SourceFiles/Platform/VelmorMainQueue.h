@@ -4,13 +4,33 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <functional>
 #include <mutex>
+
+// One piece of work for the main queue. The queue links items through the item itself, so posting one
+// allocates nothing; what it does and how it is freed are the item's.
+class VelmorMainQueueItem {
+public:
+    // Runs on the main thread.
+    virtual void run() = 0;
+    // Called once on the main thread after run(): the item is the queue's until then.
+    virtual void release() { delete this; }
+
+protected:
+    virtual ~VelmorMainQueueItem() = default;
+
+private:
+    friend class VelmorMainQueue;
+    VelmorMainQueueItem* next_ = nullptr;
+};
 
 // The queue to the main thread. Any thread posts without waiting; the application's main thread serves
 // the queue, and items run there one at a time, first in first out. A posted item owns what it captured
 // (its target and arguments) until it has run.
+//
+// Beside the items in order there is a lane for reports that must not wait behind a backlog (input
+// lost under overload): an urgent item runs before the next item in order.
 //
 // Serving: runPending() for an application that polls, runFor()/runUntil() for one that has nothing
 // else to do, or fileDescriptor() in the application's own poll loop or GUI toolkit: it is readable
@@ -22,6 +42,8 @@ public:
     static VelmorMainQueue& mainQueue();
 
     void post(Work work);
+    void post(VelmorMainQueueItem* item);
+    void postUrgent(Work work);
 
     // Runs the items that are pending now (not those they post) and returns how many ran.
     std::size_t runPending();
@@ -33,28 +55,43 @@ public:
     // that a queue served without it pays no system call per post.
     int fileDescriptor() const;
     std::size_t pendingCount() const;
+    // Counts the server's passes: it takes every item pending at once, and a pass ends when it has run
+    // them. Main thread.
+    std::uint64_t passCount() const { return passes_; }
 
     VelmorMainQueue(const VelmorMainQueue&) = delete;
     VelmorMainQueue& operator=(const VelmorMainQueue&) = delete;
 
 private:
+    // A list linked through the items.
+    struct List {
+        VelmorMainQueueItem* head = nullptr;
+        VelmorMainQueueItem* tail = nullptr;
+        std::size_t size = 0;
+        void push(VelmorMainQueueItem* item);
+        VelmorMainQueueItem* pop();
+        bool empty() const { return head == nullptr; }
+    };
+
     VelmorMainQueue();
+    void push(VelmorMainQueueItem* item, bool urgent);
     bool runOne();
-    // True when an item was posted within a short look, which stops at `deadline`.
-    bool awaitPostBriefly(std::chrono::steady_clock::time_point deadline) const;
     void setSignalled(bool signalled) const;  // caller holds mutex_
 
     // The serving side takes every pending item under one lock and runs them from `taken_` before it
     // looks at `items_` again, so that posters and the server meet once per batch. Lock order:
     // servingMutex_, then mutex_.
     mutable std::mutex servingMutex_;
-    std::deque<Work> taken_;  // guarded by servingMutex_; older than every item in items_
+    List taken_;  // guarded by servingMutex_; older than every item in items_
     mutable std::mutex mutex_;
     std::condition_variable posted_;
-    std::deque<Work> items_;
-    std::atomic<std::size_t> postedCount_ {0};  // items_.size(), for a look without the lock
+    List items_;   // guarded by mutex_, as are urgent_, sleeping_ and signalled_
+    List urgent_;
+    std::atomic<bool> urgentPending_ {false};  // !urgent_.empty(), for a look without the lock
+    bool sleeping_ = false;  // the server waits on posted_: a poster wakes it
+    std::uint64_t passes_ = 0;  // guarded by servingMutex_
     int eventFd_ = -1;
-    mutable bool signalled_ = false;         // guarded by mutex_
+    mutable bool signalled_ = false;
     mutable bool descriptorWanted_ = false;  // written under both mutexes, read under either
 };
 

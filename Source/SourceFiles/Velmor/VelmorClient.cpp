@@ -10,6 +10,15 @@
 
 using namespace VelmorPlatform;
 
+namespace {
+
+// Told apart from the contexts of ports and connections.
+struct ClientContext final : VelmorCallbackContext {
+    using VelmorCallbackContext::VelmorCallbackContext;
+};
+
+} // namespace
+
 std::shared_ptr<VelmorClient> VelmorClient::initWithName(const std::optional<std::string>& name)
 {
     std::shared_ptr<VelmorClient> client(new VelmorClient);
@@ -29,12 +38,12 @@ bool VelmorClient::constructWithName(const std::optional<std::string>& name)
         return false;
 
     MIDIClientRef clientRef = 0;
-    // The service holds this pointer without owning it; the destructor disposes of the platform client
-    // before the object goes, which ends the service's use of it. It is passed as the root type so
-    // that the callback can tell a client from any other framework object.
-    void* context = static_cast<VelmorRootObject*>(this);
-    const OSStatus status = MIDIClientCreate(*name, VelmorNotificationCallback, context, &clientRef);
+    // The service holds the context without owning it, and may call with it until MIDIClientDispose
+    // has said noErr: the destructor frees it only then.
+    context_ = std::make_shared<ClientContext>(weak_from_this());
+    const OSStatus status = MIDIClientCreate(*name, VelmorNotificationCallback, context_->reference(), &clientRef);
     if (status != noErr) {
+        context_.reset();  // the service refused it, and holds nothing
         VELMOR_FAILED_WITH("noErr == status", status);
         return false;
     }
@@ -48,10 +57,11 @@ bool VelmorClient::constructWithName(const std::optional<std::string>& name)
 
 VelmorClient::~VelmorClient()
 {
-    // Also for a client whose construction failed, with reference 0: the status tells nothing we
-    // could act on.
-    MIDIClientDispose(client_);
+    // Also for a client whose construction failed, with reference 0. The status decides only what
+    // becomes of the context.
+    const OSStatus status = MIDIClientDispose(client_);
     client_ = 0;
+    VelmorCallbackContext::end(std::move(context_), status == noErr);
 }
 
 std::string VelmorClient::description() const
@@ -61,10 +71,10 @@ std::string VelmorClient::description() const
 
 void VelmorNotificationCallback(const MIDINotification* message, void* refCon)
 {
-    if (!message || !refCon || VelmorPlatform::processIsExiting())
+    if (!message || VelmorPlatform::processIsExiting())
         return;
-    auto* client = dynamic_cast<VelmorClient*>(static_cast<VelmorRootObject*>(refCon));
-    if (!client)
+    auto* context = VelmorCallbackContext::fromReference<ClientContext>(refCon);
+    if (!context)
         return;
 
     std::string_view name;
@@ -90,18 +100,32 @@ void VelmorNotificationCallback(const MIDINotification* message, void* refCon)
         userInfo.setObjectForKey(VelmorValue(static_cast<std::int32_t>(change->childType)), VelmorChildTypeKey);
         break;
     }
+    case kMIDIMsgVelmorInputDropped: {
+        if (message->messageSize < sizeof(MIDIInputDroppedNotification))
+            return;
+        const auto* drop = reinterpret_cast<const MIDIInputDroppedNotification*>(message);
+        name = VelmorClient_InputDroppedNotification;
+        userInfo.setObjectForKey(VelmorValue(static_cast<std::uint32_t>(drop->port)), VelmorPortKey);
+        userInfo.setObjectForKey(VelmorValue(static_cast<std::uint32_t>(drop->source)), VelmorSourceKey);
+        userInfo.setObjectForKey(VelmorValue(static_cast<std::uint64_t>(drop->eventsLost)), VelmorEventsLostKey);
+        break;
+    }
     default:
         return;
     }
 
-    // A client being destroyed has no owner left: its messages have nobody to reach. Otherwise the
-    // queued item keeps the client alive until it has posted, and any last release happens on the
-    // main thread.
-    auto strongClient = std::static_pointer_cast<VelmorClient>(client->weak_from_this().lock());
-    if (!strongClient)
+    // A client that is gone or going has nobody left to reach. Otherwise the queued item keeps the
+    // client alive until it has posted, and the last release happens on the main thread.
+    auto client = context->object<VelmorClient>();
+    if (!client)
         return;
-    VelmorNotification notification{std::string(name), std::move(strongClient), std::move(userInfo)};
-    VelmorPerformOnMainThread([notification = std::move(notification)] {
+    const bool urgent = message->messageID == kMIDIMsgVelmorInputDropped;
+    VelmorNotification notification{std::string(name), std::move(client), std::move(userInfo)};
+    auto post = [notification = std::move(notification)] {
         VelmorNotificationCenter::defaultCenter().postNotification(notification);
-    });
+    };
+    if (urgent)
+        VelmorMainQueue::mainQueue().postUrgent(std::move(post));
+    else
+        VelmorPerformOnMainThread(std::move(post));
 }

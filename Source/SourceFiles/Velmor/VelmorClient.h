@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "VelmorCallbackContext.h"
 #include "VelmorMIDIServices.h"
 #include "VelmorRootObject.h"
 
@@ -22,9 +23,17 @@ inline constexpr std::string_view VelmorObjectKey = "VelmorObject";
 inline constexpr std::string_view VelmorObjectTypeKey = "VelmorObjectType";
 inline constexpr std::string_view VelmorPropertyNameKey = "VelmorPropertyName";
 
+// Our own: the service lost input on its way to an input port. Posted ahead of the waiting work (it
+// must not wait behind a backlog), with the port's and the source's references (the source's 0 when
+// the service can't tell) and the number of events lost (0 when the service can't tell).
+inline constexpr std::string_view VelmorClient_InputDroppedNotification = "VelmorInputDropped";
+inline constexpr std::string_view VelmorPortKey = "VelmorPort";
+inline constexpr std::string_view VelmorSourceKey = "VelmorSource";
+inline constexpr std::string_view VelmorEventsLostKey = "VelmorEventsLost";
+
 // Registered with the MIDI service by the client. Runs on a thread of the service: it only wraps the
-// message and posts its notification to the main queue, without waiting. `refCon` is the client, as a
-// VelmorRootObject pointer; other values and unknown messages are dropped.
+// message and posts its notification to the main queue, without waiting. `refCon` is the client's
+// callback context; other values and unknown messages are dropped.
 void VelmorNotificationCallback(const VelmorPlatform::MIDINotification* message, void* refCon);
 
 // The process's connection to the MIDI service.
@@ -42,6 +51,8 @@ public:
     std::string description() const override;
 
     VelmorPlatform::MIDIClientRef client() const { return client_; }
+    // The context value the service calls VelmorNotificationCallback with.
+    void* notificationContext() const { return context_ ? context_->reference() : nullptr; }
     void setClient(VelmorPlatform::MIDIClientRef client) { client_ = client; }
 
 protected:
@@ -50,4 +61,5 @@ protected:
 
 private:
     VelmorPlatform::MIDIClientRef client_ = 0;
+    std::shared_ptr<VelmorCallbackContext> context_;
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "VelmorMIDIServices.h"
+#include "VelmorNotificationCenter.h"
 #include "VelmorRootObject.h"
 
 class VelmorClient;
@@ -15,19 +16,24 @@ class VelmorRemoteSource;
 
 // The read procedure the port installs when it is given none. Runs on the service's thread: builds the
 // VelmorPacketList there (all cutting and joining) and posts its handling to the main queue, without
-// waiting. `readProcRefCon` is the VelmorInputPort, `srcConnRefCon` the VelmorRemoteSource, both as
-// VelmorRootObject pointers.
+// waiting. `readProcRefCon` is the port's callback context, `srcConnRefCon` the connection's.
 void VelmorInputPortDefaultReadProc(const VelmorPlatform::MIDIPacketList* packetList, void* readProcRefCon,
                                     void* srcConnRefCon);
 
 // The one input port of the process and the list of sources connected to it.
 //
-// Lifetimes: the port's list holds each connected source strongly, and the service calls no read
-// procedure of a connection after MIDIPortDisconnectSource has returned (nor of the port after
-// MIDIPortDispose). The default read procedure never touches the source itself: it posts the connection
-// reference as a plain key, and the main thread delivers only to a source that the list holds under
-// that key at that moment. So a disconnect that races with a read procedure, or a service that answers
-// a disconnect with -50 but keeps the connection, never leads to a source that is gone.
+// Lifetimes: with the default read procedure the service is given callback contexts, not the port and
+// the sources: each holds its object weakly, and lives until the service has said noErr to the call
+// that ends its use (a refused one is kept for the process's life). The read procedure takes strong
+// references to the port and the source from them, and its deferred call holds those with the list,
+// so the main thread tests membership by identity, never by address. A deferred call runs and is freed
+// on the main thread, so the last reference to a source never drops on a service thread.
+//
+// Overload: what waits for the main thread is bounded (maximumPendingInputEvents / Bytes). Above the
+// bound the read procedure drops the list, counts it on its source, and the main thread hears of it
+// through VelmorManager_SourceDidDropEventsNotification ahead of the backlog, at most once per source
+// per pass of the main queue. A read procedure of the application's own gets the port and the source
+// objects themselves, as references it does not own.
 class VelmorInputPort : public VelmorRootObject {
 public:
     // Null for a null client or a null or empty name (silently) and when the service refuses. A null
@@ -55,6 +61,18 @@ public:
     void handlePacketListFromSource(const std::shared_ptr<VelmorPacketList>& packetList,
                                     const std::shared_ptr<VelmorRemoteSource>& source);
 
+    // The bound on what the read procedure lets wait for the main thread, over all sources: events, and
+    // bytes of MIDI data. A list that would pass either is dropped, unless nothing waits at all (so a
+    // message larger than the bound still arrives). Any thread, at any time.
+    static std::uint64_t maximumPendingInputEvents();
+    static void setMaximumPendingInputEvents(std::uint64_t events);
+    static std::uint64_t maximumPendingInputBytes();
+    static void setMaximumPendingInputBytes(std::uint64_t bytes);
+    static constexpr std::uint64_t defaultMaximumPendingInputEvents = 8192;
+    static constexpr std::uint64_t defaultMaximumPendingInputBytes = 1 << 20;
+    // Events waiting for the main thread now.
+    std::uint64_t pendingInputEvents() const;
+
     // Plain fields.
     VelmorPlatform::MIDIPortRef port() const { return port_; }
     void setPort(VelmorPlatform::MIDIPortRef port) { port_ = port; }
@@ -72,17 +90,25 @@ protected:
                                          const std::optional<std::string>& name,
                                          VelmorPlatform::MIDIReadProc readProc);
 
+public:
+    struct PortContext;
+    struct ConnectionContext;
+
 private:
     friend void VelmorInputPortDefaultReadProc(const VelmorPlatform::MIDIPacketList*, void*, void*);
+    friend struct ConnectionContext;
 
-    // The connection reference the port gives the service for `source`, and the key it comes back as.
-    static void* connectionReference(const VelmorRemoteSource* source);
-    static std::uintptr_t connectionKey(const void* connectionReference);
-    // The main-thread half of the default read procedure.
-    void handlePacketListFromConnection(const std::shared_ptr<VelmorPacketList>& packetList, std::uintptr_t key);
     bool containsSource(const VelmorRemoteSource* source) const;
+    // The service told us of input it lost (main thread).
+    void inputDropped(const VelmorNotification& notification);
 
     VelmorPlatform::MIDIPortRef port_ = 0;
     std::optional<std::string> name_;
     std::vector<std::shared_ptr<VelmorRemoteSource>> mutableSources_;
+    // With the default read procedure: the port's context, and one per connected source.
+    bool defaultReadProc_ = false;
+    std::shared_ptr<PortContext> context_;
+    std::vector<std::shared_ptr<ConnectionContext>> connections_;
+    // Drops the service reported for a source it couldn't name, or one no longer connected.
+    std::shared_ptr<ConnectionContext> unknownSource_;
 };

@@ -147,6 +147,26 @@ VelmorManager::~VelmorManager()
     client_.reset();
 }
 
+std::uint64_t VelmorManager::maximumPendingInputEvents()
+{
+    return VelmorInputPort::maximumPendingInputEvents();
+}
+
+void VelmorManager::setMaximumPendingInputEvents(std::uint64_t events)
+{
+    VelmorInputPort::setMaximumPendingInputEvents(events);
+}
+
+std::uint64_t VelmorManager::maximumPendingInputBytes()
+{
+    return VelmorInputPort::maximumPendingInputBytes();
+}
+
+void VelmorManager::setMaximumPendingInputBytes(std::uint64_t bytes)
+{
+    VelmorInputPort::setMaximumPendingInputBytes(bytes);
+}
+
 std::string VelmorManager::description() const
 {
     return "VelmorManager: " + rootDescription();

@@ -62,6 +62,16 @@ inline constexpr std::string_view VelmorManager_SourcePropertyChangedNotificatio
 inline constexpr std::string_view VelmorManager_OutputKey = "VelmorManager_Output";
 inline constexpr std::string_view VelmorManager_SourceKey = "VelmorManager_Source";
 
+// An extension of our own: input of a source was lost before it reached its consumers, because more
+// waited for the main thread than the bound allows (setMaximumPendingInputEvents / Bytes) or because
+// the MIDI service itself lost it (a sequencer overrun, a full buffer). Posted on the main thread ahead
+// of the waiting events, at most once per source per pass of the main queue; drops after that are
+// added up into the next. The object is the manager; the user information holds VelmorManager_SourceKey
+// (the source, when it is known) and VelmorManager_DroppedEventCountKey (an unsigned number of events,
+// 0 when the service cannot tell how many).
+inline constexpr std::string_view VelmorManager_SourceDidDropEventsNotification = "VelmorManager_SourceDidDropEvents";
+inline constexpr std::string_view VelmorManager_DroppedEventCountKey = "VelmorManager_DroppedEventCount";
+
 // The one object through which an application uses the framework. Made once per process by
 // sharedManager(); lives until the process ends.
 class VelmorManager : public VelmorRootObject {
@@ -85,6 +95,14 @@ public:
     static void setOutputPortName(const std::optional<std::string>& name);
     static void setLocalOutputManufacturer(const std::optional<std::string>& manufacturer);
     static void setLocalOutputModel(const std::optional<std::string>& model);
+    // An extension: the bound on incoming MIDI that waits for the main thread, over all sources, in
+    // events and in bytes of MIDI data (defaults 8192 and 1 MiB, a few MB of memory in all). Input
+    // beyond it is dropped and reported by VelmorManager_SourceDidDropEventsNotification. A single list
+    // larger than the bound still gets through when nothing else waits. Any thread, at any time.
+    static std::uint64_t maximumPendingInputEvents();
+    static void setMaximumPendingInputEvents(std::uint64_t events);
+    static std::uint64_t maximumPendingInputBytes();
+    static void setMaximumPendingInputBytes(std::uint64_t bytes);
 
     ~VelmorManager() override;
     const char* className() const override { return "VelmorManager"; }

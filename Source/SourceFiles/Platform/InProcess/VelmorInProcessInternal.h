@@ -149,21 +149,26 @@ struct Target {
     std::atomic<bool> active {true};
 };
 
-struct Connection : Target {
-    Connection(CallbackKey targetKey, MIDIReadProc proc, void* portRefCon, void* connectionRefCon)
-        : Target(targetKey), readProc(proc), readProcRefCon(portRefCon), connRefCon(connectionRefCon) {}
-    const MIDIReadProc readProc;
-    void* const readProcRefCon;  // the client's; the service never touches what it points at
-    void* const connRefCon;      // likewise
-};
-using ConnectionList = std::vector<std::shared_ptr<Connection>>;
-
 struct NotifyTarget : Target {
     NotifyTarget(CallbackKey targetKey, MIDINotifyProc proc, void* notifyRefCon)
         : Target(targetKey), notifyProc(proc), refCon(notifyRefCon) {}
     const MIDINotifyProc notifyProc;
     void* const refCon;
 };
+
+struct Connection : Target {
+    Connection(CallbackKey targetKey, MIDIReadProc proc, void* portRefCon, void* connectionRefCon,
+               std::shared_ptr<NotifyTarget> clientNotify)
+        : Target(targetKey), readProc(proc), readProcRefCon(portRefCon), connRefCon(connectionRefCon),
+          notify(std::move(clientNotify)) {}
+    const MIDIReadProc readProc;
+    void* const readProcRefCon;  // the client's; the service never touches what it points at
+    void* const connRefCon;      // likewise
+    const std::shared_ptr<NotifyTarget> notify;  // the port's client's, told of input it lost; may be null
+    std::atomic<std::uint64_t> lost {0};         // packets dropped and not yet told
+    std::atomic<bool> lossQueued {false};        // a report of them waits in the queue
+};
+using ConnectionList = std::vector<std::shared_ptr<Connection>>;
 
 struct ObserverTarget : Target {
     ObserverTarget(CallbackKey targetKey, std::function<void(const MIDIPacketList*)> function)
@@ -190,11 +195,11 @@ struct EndedCallbacks {
 // --- The service thread ----------------------------------------------------------------------------------
 
 struct Entry {
-    enum class Kind : std::uint8_t { Packets, Notification, Observer };
+    enum class Kind : std::uint8_t { Packets, Notification, Observer, Lost };
     Kind kind = Kind::Packets;
     std::size_t offset = 0;  // packet-list image or property name in the batch's bytes
     std::shared_ptr<const ConnectionList> connections;  // Packets
-    std::shared_ptr<Target> target;                     // Notification, Observer
+    std::shared_ptr<Target> target;                     // Notification, Observer, Lost (the connection)
     MIDIObjectAddRemoveNotification record {};          // Notification; a property change reuses parent/parentType
 };
 
@@ -234,17 +239,46 @@ public:
 
     bool onServiceThread() const { return std::this_thread::get_id() == threadId_; }
 
-    // `fill` writes `size` bytes of packet-list image.
+    // `fill` writes `size` bytes of packet-list image. A device's input (`bounded`) beyond the bound is
+    // dropped, as a device can't be made to wait, and each connection's client hears how many packets
+    // it lost, once per run of losses: the report takes one entry per connection at most. A client's
+    // own MIDIReceived is not dropped: nothing in the process may lose what a program sent.
     template <class Fill>
-    void enqueuePackets(std::shared_ptr<const ConnectionList> connections, std::size_t size, Fill&& fill)
+    void enqueuePackets(std::shared_ptr<const ConnectionList> connections, std::size_t size, Fill&& fill,
+                        bool bounded = false)
     {
         Entry entry;
         entry.kind = Entry::Kind::Packets;
-        entry.connections = std::move(connections);
         std::unique_lock<std::mutex> lock(mutex_);
+        const std::size_t before = pending_.bytes.size();
         entry.offset = reserve(size);
         fill(pending_.bytes.data() + entry.offset);
+        if (bounded && !pending_.entries.empty()
+            && (pending_.entries.size() >= maximumEntries_ || pending_.bytes.size() > maximumBytes_)) {
+            const std::uint64_t packets = getLE(pending_.bytes.data() + entry.offset, 4);
+            pending_.bytes.resize(before);
+            for (const auto& connection : *connections) {
+                connection->lost.fetch_add(packets, std::memory_order_relaxed);
+                if (connection->notify && !connection->lossQueued.exchange(true, std::memory_order_relaxed)) {
+                    Entry report;
+                    report.kind = Entry::Kind::Lost;
+                    report.target = connection;
+                    push(std::move(report), lock, false);
+                }
+            }
+            wakeIfSleeping(lock);
+            return;
+        }
+        entry.connections = std::move(connections);
         push(std::move(entry), lock);
+    }
+
+    // The bound on callbacks waiting for the service thread: entries, and bytes of their images.
+    void setMaximumPending(std::size_t entries, std::size_t bytes)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        maximumEntries_ = entries;
+        maximumBytes_ = bytes;
     }
 
     void enqueueObserver(std::shared_ptr<ObserverTarget> observer, std::span<const std::uint8_t> image)
@@ -396,6 +430,22 @@ private:
             }
             break;
         }
+        case Entry::Kind::Lost: {
+            auto& connection = static_cast<Connection&>(*entry.target);
+            connection.lossQueued.store(false, std::memory_order_relaxed);
+            const std::uint64_t lost = connection.lost.exchange(0, std::memory_order_relaxed);
+            if (lost == 0 || !connection.active.load(std::memory_order_seq_cst) || !enter(*connection.notify))
+                break;
+            MIDIInputDroppedNotification record {};
+            record.messageID = kMIDIMsgVelmorInputDropped;
+            record.messageSize = sizeof record;
+            record.port = ownerOf(connection.key);
+            record.source = endpointOf(connection.key);
+            record.eventsLost = lost;
+            connection.notify->notifyProc(reinterpret_cast<const MIDINotification*>(&record), connection.notify->refCon);
+            leave();
+            break;
+        }
         }
     }
 
@@ -404,16 +454,7 @@ private:
         Batch working;
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
-            // Callbacks tend to come in runs: look for the next one a little while, yielding the
-            // processor, before going to sleep; that spares the enqueuer a wake-up through the kernel.
-            if (pending_.entries.empty() && !stopping_) {
-                const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
-                do {
-                    lock.unlock();
-                    std::this_thread::yield();
-                    lock.lock();
-                } while (pending_.entries.empty() && !stopping_ && std::chrono::steady_clock::now() < until);
-            }
+            // No look-ahead spin: on one processor it takes time from the thread that feeds us.
             while (pending_.entries.empty() && !stopping_) {
                 sleeping_ = true;
                 wake_.wait(lock);
@@ -431,8 +472,11 @@ private:
             const auto ran = working.entries.size();
             working.entries.clear();
             working.bytes.clear();
+            // A burst or one long exclusive message shouldn't pin its memory after it has drained.
             if (working.bytes.capacity() > (std::size_t(1) << 20))
-                working.bytes.shrink_to_fit();  // one long exclusive message shouldn't pin its buffer
+                working.bytes.shrink_to_fit();
+            if (working.entries.capacity() > 4096)
+                working.entries.shrink_to_fit();
             lock.lock();
             done_ += ran;
             if (idleWaiters_)
@@ -450,6 +494,8 @@ private:
     std::uint64_t enqueuedByService_ = 0;
     std::uint64_t done_ = 0;
     int idleWaiters_ = 0;
+    std::size_t maximumEntries_ = 8192;
+    std::size_t maximumBytes_ = std::size_t(2) << 20;
     std::atomic<CallbackKey> running_ {0};
     std::atomic<bool> abandon_ {false};
     std::thread thread_;

@@ -50,6 +50,11 @@ void VelmorInProcessMIDIService::resetCallCounts()
         count.store(0, std::memory_order_relaxed);
 }
 
+void VelmorInProcessMIDIService::setMaximumPendingCallbacks(std::size_t callbacks, std::size_t bytes)
+{
+    state_->dispatcher->setMaximumPending(callbacks, bytes);
+}
+
 void VelmorInProcessMIDIService::waitUntilIdle()
 {
     state_->dispatcher->waitUntilIdle();
@@ -161,8 +166,10 @@ OSStatus VelmorInProcessMIDIService::portConnectSource(MIDIPortRef portRef, MIDI
     if (slot && slot->connRefCon == connRefCon)
         return noErr;  // already connected so
     // Connecting again with another reference replaces the connection; lists queued before go nowhere.
+    auto client = state_->clients.find(port->second.client);
     auto connection = std::make_shared<Connection>(keyOf(portRef, sourceRef), port->second.readProc,
-                                                   port->second.refCon, connRefCon);
+                                                   port->second.refCon, connRefCon,
+                                                   client != state_->clients.end() ? client->second.notify : nullptr);
     if (slot)
         slot->active.store(false, std::memory_order_seq_cst);
     state_->replaceConnection(*source, slot, connection);

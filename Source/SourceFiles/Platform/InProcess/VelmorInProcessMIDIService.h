@@ -92,6 +92,11 @@ public:
     std::uint64_t callCount(std::string_view callName) const;
     void resetCallCounts();
 
+    // The bound on callbacks waiting for the service's thread (default 8192, and 2 MiB of packet-list
+    // images). A packet list injected beyond it is dropped, and the client of each port connected to
+    // the source hears how many packets it lost (kMIDIMsgVelmorInputDropped).
+    void setMaximumPendingCallbacks(std::size_t callbacks, std::size_t bytes);
+
     // Blocks until every callback queued so far has run, and those they queued in turn. From a callback
     // it returns at once (it would wait for itself).
     void waitUntilIdle();

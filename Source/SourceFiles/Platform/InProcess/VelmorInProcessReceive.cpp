@@ -22,7 +22,7 @@ OSStatus VelmorInProcessMIDIService::injectBytes(MIDIEndpointRef source, std::sp
     if (timeStamp == 0)
         timeStamp = AudioGetCurrentHostTime();
     state_->dispatcher->enqueuePackets(std::move(connections), imageSizeForBytes(bytes.size()),
-                                       [&](std::uint8_t* out) { writeImageForBytes(out, bytes, timeStamp); });
+                                       [&](std::uint8_t* out) { writeImageForBytes(out, bytes, timeStamp); }, true);
     return noErr;
 }
 
@@ -45,7 +45,7 @@ OSStatus VelmorInProcessMIDIService::injectPacketList(MIDIEndpointRef source,
         return noErr;
     state_->dispatcher->enqueuePackets(std::move(connections), packetListImage.size(), [&](std::uint8_t* out) {
         std::memcpy(out, packetListImage.data(), packetListImage.size());
-    });
+    }, true);
     return noErr;
 }
 
