@@ -84,6 +84,7 @@ void VelmorALSAMIDIService::State::dispatch()
         void* connectionRefCon = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex);
+            publishSnapshots();  // a callback reads what its record reports
             if (deliveries.empty())
                 return;
             delivery = std::move(deliveries.front());
