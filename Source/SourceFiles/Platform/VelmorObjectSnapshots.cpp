@@ -28,10 +28,29 @@ namespace {
 
 std::atomic<std::uint64_t> lastInstance {0};
 
+// A thread's reader lives in a thread_local whose destructor runs at the thread's end. The main thread
+// may read again after that, from the destructor of an object with static storage duration: it then
+// reads through a reader that is never destroyed.
+thread_local VelmorObjectSnapshots::Reader* readerOfThread = nullptr;
+
+VelmorObjectSnapshots::Reader& readerAfterExit()
+{
+    static auto* reader = new VelmorObjectSnapshots::Reader;  // kept on purpose, for the process's life
+    return *reader;
+}
+
+struct ReaderHolder {
+    VelmorObjectSnapshots::Reader reader;
+    ~ReaderHolder() { readerOfThread = &readerAfterExit(); }
+};
+
 VelmorObjectSnapshots::Reader& threadReader()
 {
-    thread_local VelmorObjectSnapshots::Reader reader;
-    return reader;
+    if (!readerOfThread) {
+        thread_local ReaderHolder holder;
+        readerOfThread = &holder.reader;
+    }
+    return *readerOfThread;
 }
 
 std::size_t bucketOf(MIDIObjectRef ref, std::size_t buckets)
