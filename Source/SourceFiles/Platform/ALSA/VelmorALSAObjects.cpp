@@ -77,6 +77,7 @@ void VelmorALSAMIDIService::State::forgetObject(MIDIObjectRef ref)
     usedIDs.erase(it->second.uniqueID);
     objects.erase(it);
     modelChanged = true;
+    sendTableStale.store(true, std::memory_order_release);
 }
 
 std::uint32_t VelmorALSAMIDIService::State::portHash(const Port& port, const ClientFacts& client) const
