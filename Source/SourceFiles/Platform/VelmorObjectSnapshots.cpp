@@ -1,5 +1,7 @@
 #include "VelmorObjectSnapshots.h"
 
+#include <utility>
+
 namespace VelmorPlatform {
 
 struct VelmorObjectSnapshots::Graph {
@@ -67,7 +69,7 @@ VelmorObjectSnapshots::VelmorObjectSnapshots()
     for (auto& list : graph->lists)
         list = std::make_shared<const RefList>();
     writerGraph_ = graph;
-    published_.store(std::move(graph), std::memory_order_release);
+    published_ = std::move(graph);
 }
 
 // --- Writer ------------------------------------------------------------------------------------------
@@ -119,7 +121,11 @@ void VelmorObjectSnapshots::publish()
     staged_ = false;
     writerGraph_ = next;
     // The graph before the version: a reader that sees the new version finds the new graph.
-    published_.store(next, std::memory_order_release);
+    std::shared_ptr<const Graph> previous;  // let go of outside the mutex
+    {
+        std::lock_guard<std::mutex> lock(publishedMutex_);
+        previous = std::exchange(published_, next);
+    }
     version_.store(next->version, std::memory_order_release);
 }
 
@@ -134,7 +140,12 @@ const VelmorObjectSnapshots::Graph& VelmorObjectSnapshots::current(Reader& reade
     } else if (reader.version == version) {
         return *reader.graph;
     }
-    reader.graph = published_.load(std::memory_order_acquire);
+    std::shared_ptr<const Graph> graph;
+    {
+        std::lock_guard<std::mutex> lock(publishedMutex_);
+        graph = published_;
+    }
+    reader.graph = std::move(graph);
     reader.version = reader.graph->version;
     return *reader.graph;
 }

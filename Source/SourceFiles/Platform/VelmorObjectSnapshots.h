@@ -4,8 +4,9 @@
 //
 // A service keeps an immutable snapshot of each of its objects (properties and children) and of its
 // lists of sources and destinations. When something changes it stages the new snapshots and publishes
-// them as one new version with one pointer swap. A reader on any thread usually pays one atomic load:
-// each thread keeps the version it saw last and takes the new one only when the version moved on.
+// them as one new version. A reader on any thread usually pays one atomic load: each thread keeps the
+// version it saw last and takes the new one (under a mutex held for a pointer copy) only when the
+// version moved on.
 //
 // Enumeration is consistent per thread: a count call takes the list as it is, and the item calls of
 // the same thread answer from that list until the thread's next count call of the same kind, so that
@@ -18,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -78,7 +80,9 @@ private:
                                                 Children children) const;
 
     const std::uint64_t id_;  // tells the instances apart in a thread's reader
-    std::atomic<std::shared_ptr<const Graph>> published_;
+    // A reader takes the mutex only when the version has moved on since its last read, once per version.
+    mutable std::mutex publishedMutex_;
+    std::shared_ptr<const Graph> published_;  // guarded by publishedMutex_
     std::atomic<std::uint64_t> version_ {1};
 
     // Writer only.
