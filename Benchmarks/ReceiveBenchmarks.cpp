@@ -20,6 +20,7 @@
 #include "VelmorInputPort.h"
 #include "VelmorMainQueue.h"
 #include "VelmorManager.h"
+#include "VelmorPacket.h"
 #include "VelmorPacketList.h"
 #include "VelmorRemoteSource.h"
 
@@ -143,6 +144,21 @@ void BM_SourceAttributes(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_SourceAttributes);
+
+// Decoding one event of a source: the event carries the source's attributes, read at that moment.
+void BM_DecodeEventWithAttributes(benchmark::State& state)
+{
+    auto& s = setup();
+    const auto image = listImage(1);
+    const auto list = VelmorPacketList::initWithMIDIPacketList(
+        reinterpret_cast<const VelmorPlatform::MIDIPacketList*>(image.data()));
+    const auto packet = list->packets().front();
+    packet->setSource(s.source);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(VelmorEvent::eventWithPacket(packet));
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_DecodeEventWithAttributes);
 
 void reportPercentiles(benchmark::State& state, std::vector<std::int64_t>& samples)
 {

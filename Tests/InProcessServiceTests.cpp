@@ -638,3 +638,131 @@ TEST_F(ServiceTest, ManyThreadsBuildAndReadTheSameGraph)
     }
     EXPECT_EQ(std::size_t(threads * perThread * 4), added.size());  // virtual source + device, entity, source
 }
+
+TEST_F(ServiceTest, AnEnumerationPassAnswersFromTheListItsCountSaw)
+{
+    const auto a = service->createSimpleDevice("A", "m", "x", true, false);
+    const auto b = service->createSimpleDevice("B", "m", "x", true, false);
+    const auto c = service->createSimpleDevice("C", "m", "x", true, false);
+
+    // The list changes between the count and the item calls, from this thread and from another.
+    ASSERT_EQ(3u, service->numberOfSources());
+    ASSERT_EQ(noErr, service->removeObject(a.device));
+    std::thread([&] { service->createSimpleDevice("D", "m", "x", true, false); }).join();
+    EXPECT_EQ((std::vector<MIDIEndpointRef> {a.source, b.source, c.source}),
+              (std::vector<MIDIEndpointRef> {service->source(0), service->source(1), service->source(2)}));
+    EXPECT_EQ(0u, service->source(3));
+    // The next count starts a new pass.
+    ASSERT_EQ(3u, service->numberOfSources());
+    EXPECT_EQ(b.source, service->source(0));
+    EXPECT_EQ(c.source, service->source(2 - 1));
+    EXPECT_NE(0u, service->source(2));
+
+    // Another thread's pass is its own.
+    std::thread([&] {
+        EXPECT_EQ(3u, service->numberOfSources());
+        service->removeObject(b.device);
+        EXPECT_EQ(b.source, service->source(0));
+    }).join();
+    EXPECT_EQ(b.source, service->source(0));  // still this thread's pass
+    EXPECT_EQ(2u, service->numberOfSources());
+
+    // The children of a device, an entity's destinations likewise.
+    const auto device = service->createDevice("Multi");
+    const auto first = service->createEntity(device, "1");
+    ASSERT_EQ(1u, service->deviceNumberOfEntities(device));
+    const auto second = service->createEntity(device, "2");
+    EXPECT_EQ(first, service->deviceEntity(device, 0));
+    EXPECT_EQ(0u, service->deviceEntity(device, 1));
+    EXPECT_EQ(2u, service->deviceNumberOfEntities(device));
+    EXPECT_EQ(second, service->deviceEntity(device, 1));
+    EXPECT_EQ(0u, service->entityNumberOfDestinations(second));
+    service->createDestination(second, "out");
+    EXPECT_EQ(0u, service->entityDestination(second, 0));
+    EXPECT_EQ(1u, service->entityNumberOfDestinations(second));
+    EXPECT_NE(0u, service->entityDestination(second, 0));
+}
+
+TEST_F(ServiceTest, PassesUnderConcurrentChangesNeverRepeatOrSkipAnEndpoint)
+{
+    std::atomic<bool> stop {false};
+    std::atomic<int> passes {0};
+    std::thread writer([&] {
+        std::vector<MIDIDeviceRef> live;
+        for (int i = 0; !stop; ++i) {
+            live.push_back(service->createSimpleDevice("s" + std::to_string(i), "m", "x", true, false).device);
+            if (live.size() > 8) {
+                service->removeObject(live[std::size_t(i) % live.size()]);
+                live.erase(live.begin() + std::ptrdiff_t(std::size_t(i) % live.size()));
+            }
+        }
+    });
+    std::thread reader([&] {
+        while (passes < 2000) {
+            const auto count = service->numberOfSources();
+            std::set<MIDIEndpointRef> seen;
+            for (ItemCount i = 0; i < count; ++i) {
+                const auto source = service->source(i);
+                EXPECT_NE(0u, source) << "pass skipped index " << i << " of " << count;
+                EXPECT_TRUE(seen.insert(source).second) << "endpoint twice in one pass";
+            }
+            ++passes;
+        }
+    });
+    reader.join();
+    stop = true;
+    writer.join();
+    service->waitUntilIdle();
+}
+
+namespace {
+
+// Reads the changed property from inside the change's callback.
+struct RenameWatcher {
+    VelmorInProcessMIDIService* service = nullptr;
+    std::mutex mutex;
+    std::vector<std::optional<std::string>> seen;
+    static void proc(const MIDINotification* message, void* refCon)
+    {
+        if (message->messageID != kMIDIMsgPropertyChanged)
+            return;
+        auto* self = static_cast<RenameWatcher*>(refCon);
+        const auto* change = reinterpret_cast<const MIDIObjectPropertyChangeNotification*>(message);
+        std::optional<std::string> name;
+        self->service->getStringProperty(change->object, kMIDIPropertyName, &name);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->seen.push_back(name);
+    }
+};
+
+} // namespace
+
+TEST_F(ServiceTest, AChangeIsReadableBeforeItsNotificationRuns)
+{
+    RenameWatcher watcher;
+    watcher.service = service.get();
+    IdleOnExit idle {*service};
+    MIDIClientRef ref = 0;
+    ASSERT_EQ(noErr, service->clientCreate("watcher", &RenameWatcher::proc, &watcher, &ref));
+    const auto device = service->createSimpleDevice("Old", "m", "x");
+    for (int i = 0; i < 50; ++i) {
+        // Read on this thread right after the call, and in the callback on the service's thread.
+        const std::string name = "Name " + std::to_string(i);
+        ASSERT_EQ(noErr, service->setStringProperty(device.source, kMIDIPropertyName, name));
+        std::optional<std::string> now;
+        ASSERT_EQ(noErr, service->getStringProperty(device.source, kMIDIPropertyName, &now));
+        EXPECT_EQ(name, now);
+    }
+    service->waitUntilIdle();
+    std::lock_guard<std::mutex> lock(watcher.mutex);
+    ASSERT_EQ(50u, watcher.seen.size());
+    // Each callback ran after its own change: it sees that name or a later one, never an earlier one.
+    int last = -1;
+    for (const auto& name : watcher.seen) {
+        ASSERT_TRUE(name && name->starts_with("Name "));
+        const int number = std::stoi(name->substr(5));
+        EXPECT_GE(number, last);
+        last = number;
+    }
+    EXPECT_EQ(49, last);
+}

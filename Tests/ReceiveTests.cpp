@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "ReceiveTestSupport.h"
+#include "VelmorMainQueue.h"
 #include "VelmorPacketList.h"
 
 using namespace VelmorReceiveTest;
@@ -143,6 +144,97 @@ TEST_F(ReceiveRouting, EventsCarryTheSourcesAttributesAfterAChangeOfItsPropertie
     EXPECT_EQ(after->uniqueID(), std::optional<std::int64_t>(source->uniqueID()));
     EXPECT_EQ(c->events[2]->sourceAttributes()->index(), 2u);
     EXPECT_NE(c->events[1]->sourceAttributes(), c->events[2]->sourceAttributes());
+}
+
+TEST_F(ReceiveRouting, AttributesReadThePlatformAtEachCallNotAtTheChangeNotification)
+{
+    using VelmorPlatform::kMIDIPropertyModel;
+    using VelmorPlatform::kMIDIPropertyName;
+    auto c = consumer("c");
+    source->addConsumer(c);
+
+    // A rename shows at once, with its notification still waiting for the main thread.
+    service().setStringProperty(device.source, kMIDIPropertyName, "Renamed");
+    service().setStringProperty(device.source, kMIDIPropertyModel, "K2");
+    service().waitUntilIdle();
+    ASSERT_GT(VelmorMainQueue::mainQueue().pendingCount(), 0u);
+    auto attributes = source->attributes();
+    ASSERT_NE(attributes, nullptr);
+    EXPECT_EQ(attributes->name(), std::optional<std::string>("Renamed"));
+    EXPECT_EQ(attributes->model(), std::optional<std::string>("K2"));
+    settle();
+
+    // An event decoded after a rename carries the new name, though the rename's notification was
+    // queued behind the event's list.
+    inject({0x90, 0x3C, 0x40});
+    service().waitUntilIdle();
+    service().setStringProperty(device.source, kMIDIPropertyName, "Again");
+    service().waitUntilIdle();
+    VelmorMainQueue::mainQueue().runPending();
+    settle();
+    ASSERT_EQ(c->events.size(), 1u);
+    ASSERT_NE(c->events[0]->sourceAttributes(), nullptr);
+    EXPECT_EQ(c->events[0]->sourceAttributes()->name(), std::optional<std::string>("Again"));
+}
+
+TEST_F(ReceiveRouting, FailingReadsGiveWhatTheGettersGive)
+{
+    using VelmorPlatform::kMIDIParamErr;  // -50: the getters answer from their caches
+    using VelmorPlatform::kMIDIUnknownProperty;
+    service().setStringProperty(device.source, kIdentifierProperty, "id-1");
+    ASSERT_NE(source->attributes(), nullptr);  // fills the caches
+    const std::int64_t uniqueID = source->uniqueID();
+    ASSERT_NE(uniqueID, 0);
+    // What the platform says from now on, where a read succeeds.
+    service().setStringProperty(device.source, VelmorPlatform::kMIDIPropertyName, "New");
+    service().setStringProperty(device.source, kIdentifierProperty, "id-2");
+    settle();
+    source->setCachedName(std::string("Keys"));
+    source->setCachedIdentifier(std::string("id-1"));
+
+    struct Case {
+        const char* call;
+        VelmorPlatform::OSStatus status;
+        int count;
+        bool nullAttributes;
+        std::optional<std::string> name;
+        std::optional<std::string> identifier;
+        std::optional<std::int64_t> uniqueID;
+    };
+    const Case cases[] = {
+        // The name can't be read: no attributes.
+        {"MIDIObjectGetStringProperty", kMIDIUnknownProperty, 1, true, {}, {}, {}},
+        // -50 on every string read: all from the caches.
+        {"MIDIObjectGetStringProperty", kMIDIParamErr, 4, false, "Keys", "id-1", uniqueID},
+        // -50 on the name only: the cached name, the rest read afresh.
+        {"MIDIObjectGetStringProperty", kMIDIParamErr, 1, false, "Keys", "id-2", uniqueID},
+        // The unique ID can't be read: none in the attributes.
+        {"MIDIObjectGetIntegerProperty", kMIDIUnknownProperty, 1, false, "New", "id-2", std::nullopt},
+        // -50 on the unique ID: the cache, which the failed read before cleared.
+        {"MIDIObjectGetIntegerProperty", kMIDIParamErr, 1, false, "New", "id-2", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.call) + " " + std::to_string(c.status) + " x" + std::to_string(c.count));
+        source->setCachedName(std::string("Keys"));
+        source->setCachedIdentifier(std::string("id-1"));
+        service().failNextCalls(c.call, c.status, c.count);
+        const auto attributes = source->attributes();
+        service().failNextCalls(c.call, VelmorPlatform::noErr, 0);
+        if (c.nullAttributes) {
+            EXPECT_EQ(attributes, nullptr);
+            continue;
+        }
+        ASSERT_NE(attributes, nullptr);
+        EXPECT_EQ(attributes->name(), c.name);
+        EXPECT_EQ(attributes->identifier(), c.identifier);
+        EXPECT_EQ(attributes->uniqueID(), c.uniqueID);
+        EXPECT_EQ(attributes->manufacturer(), std::optional<std::string>("Acme"));
+    }
+    // A read that works again gives the platform's values.
+    const auto attributes = source->attributes();
+    ASSERT_NE(attributes, nullptr);
+    EXPECT_EQ(attributes->name(), std::optional<std::string>("New"));
+    EXPECT_EQ(attributes->uniqueID(), std::optional<std::int64_t>(uniqueID));
 }
 
 TEST_F(ReceiveRouting, ALongExclusiveMessageArrivesWhole)

@@ -308,23 +308,11 @@ std::optional<std::string> VelmorRemoteSource::model() const
 
 std::shared_ptr<VelmorAttributes> VelmorRemoteSource::attributes() const
 {
-    if (!endpointAttributes_)
-        endpointAttributes_ = VelmorEndpoint::attributes();
-    const auto& fields = endpointAttributes_;
-    // What a copy with the index replaced gives, without the round trip through the dictionary form: a
-    // copy fails where name, model or manufacturer is null, and keeps every other field.
-    if (!fields || !fields->name() || !fields->model() || !fields->manufacturer()) {
-        endpointAttributes_.reset();  // a failed read is not kept
+    // The endpoint reads every getter afresh; the copy with our index is made in place: a copy fails
+    // where name, model or manufacturer is null and keeps every other field.
+    auto attributes = VelmorEndpoint::attributes();
+    if (!attributes || !attributes->name() || !attributes->model() || !attributes->manufacturer())
         return nullptr;
-    }
-    auto attributes = VelmorAttributes::init();
-    if (!attributes)
-        return nullptr;
-    attributes->setName(fields->name());
-    attributes->setModel(fields->model());
-    attributes->setManufacturer(fields->manufacturer());
-    attributes->setUniqueID(fields->uniqueID());
-    attributes->setIdentifier(fields->identifier());
     attributes->setIndex(index_);
     return attributes;
 }
@@ -402,8 +390,6 @@ void VelmorRemoteSource::objectPropertyChanged(const VelmorNotification& notific
     const auto objectValue = object->unsignedValue();
     if (!typeValue || !objectValue || static_cast<VelmorPlatform::MIDIObjectRef>(*objectValue) != this->object())
         return;
-    // Any property of this endpoint may be one that its attributes carry.
-    endpointAttributes_.reset();
     if (static_cast<std::int32_t>(*typeValue) == VelmorPlatform::kMIDIObjectType_Source) {
         VelmorNotificationCenter::defaultCenter().postNotificationName(VelmorRemoteSourcePropertyChangedNotification,
                                                                        self());

@@ -101,9 +101,8 @@ public:
     std::optional<std::string> identifier() const override { return VelmorEndpoint::identifier(); }
     // "Name ( Manufacturer Model )" and its variants; "Device ID#uniqueID" without any of the three.
     std::string descriptiveString() const override;
-    // The endpoint's attributes with this source's index. A new value at each call; decoding asks for it
-    // once per event, so the endpoint's fields are read once and kept until the system reports a change
-    // of this source's properties (which reaches the main thread in order with the packets).
+    // The endpoint's attributes with this source's index: a new value at each call, read from the
+    // platform each time (decoding asks for it once per event). Null where the name can't be read.
     std::shared_ptr<VelmorAttributes> attributes() const override;
     // The endpoint's test, then the index if VelmorAttributesOptionIndex is set: 0 and 1 match each other.
     bool matchesAttributesOptions(const std::shared_ptr<VelmorAttributes>& attributes,
@@ -134,8 +133,6 @@ private:
     std::string lineWithPrefix(std::string_view prefix) const;
 
     std::uint64_t index_ = 0;
-    // What the endpoint's attributes() gave, without the index; null until asked and after a change.
-    mutable std::shared_ptr<const VelmorAttributes> endpointAttributes_;
     std::shared_ptr<VelmorConsumerTable> noteOffConsumers_;
     std::shared_ptr<VelmorConsumerTable> noteOnConsumers_;
     std::shared_ptr<VelmorConsumerTable> afterTouchConsumers_;

@@ -125,6 +125,7 @@ void VelmorALSAMIDIService::State::updateClient(int client, const ClientFacts& f
     Device& device = it->second;
     const bool renamed = device.facts.name != facts.name;
     device.facts = facts;
+    modelChanged = true;
     if (renamed)
         notifyProperty(device.ref, kMIDIObjectType_Device, kMIDIPropertyName);
 }

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "VelmorHostClock.h"
+#include "VelmorObjectSnapshots.h"
 
 namespace VelmorPlatform {
 
@@ -191,6 +192,13 @@ struct VelmorALSAMIDIService::State {
     std::set<std::int32_t> usedIDs;
     std::vector<MIDIEndpointRef> sources;
     std::vector<MIDIEndpointRef> destinations;
+
+    // What property reads and enumeration answer from, without the mutex. Rebuilt whole (the model is
+    // small) when the model changed: before the deliveries of a change go out, and before a call of
+    // ours that changed it returns. Clients and ports (type Other) are not in it.
+    VelmorObjectSnapshots snapshots;
+    bool modelChanged = false;  // guarded by mutex
+    void publishSnapshots();    // caller holds mutex
     std::map<MIDIClientRef, Client> clients;
     std::map<MIDIPortRef, InputPort> inputPorts;
     std::map<MIDIPortRef, OutputPort> outputPorts;

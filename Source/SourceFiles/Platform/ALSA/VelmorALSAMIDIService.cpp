@@ -94,6 +94,10 @@ bool VelmorALSAMIDIService::State::open()
         return false;
     }
     enumerate();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        publishSnapshots();
+    }
     thread = std::thread([this] { run(); });
     return true;
 }
@@ -473,6 +477,7 @@ OSStatus VelmorALSAMIDIService::sourceCreate(MIDIClientRef client, std::string_v
         std::lock_guard<std::mutex> lock(state.mutex);
         State::Port* port = state.addPort({state.myClient, seqPort}, *portFacts, *facts, true, client);
         *outSource = port ? port->source : 0;
+        state.publishSnapshots();
     }
     state.wake();
     return *outSource ? noErr : kMIDIUnknownEndpoint;
@@ -492,6 +497,7 @@ OSStatus VelmorALSAMIDIService::endpointDispose(MIDIEndpointRef endpoint)
         if (port == state.ports.end() || !port->second.own || port->second.source != endpoint)
             return kMIDIUnknownEndpoint;  // not ours to dispose of
         state.removePort(address);
+        state.publishSnapshots();
     }
     {
         std::lock_guard<std::mutex> lock(state.seqMutex);

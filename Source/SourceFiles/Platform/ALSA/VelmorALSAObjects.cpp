@@ -65,6 +65,7 @@ MIDIObjectRef VelmorALSAMIDIService::State::newObject(MIDIObjectType type, Addre
 {
     const MIDIObjectRef ref = nextRef++;
     objects[ref] = Object {type, address, uniqueID, {}};
+    modelChanged = true;
     return ref;
 }
 
@@ -75,6 +76,7 @@ void VelmorALSAMIDIService::State::forgetObject(MIDIObjectRef ref)
         return;
     usedIDs.erase(it->second.uniqueID);
     objects.erase(it);
+    modelChanged = true;
     sendTableStale.store(true, std::memory_order_release);
 }
 
@@ -192,6 +194,7 @@ void VelmorALSAMIDIService::State::updatePort(Address address, const PortFacts& 
     }
     const bool renamed = port.facts.name != facts.name;
     port.facts = facts;
+    modelChanged = true;
     if (isSource && !port.source)
         addEndpoint(port, true);
     if (!isSource && port.source)
@@ -236,91 +239,123 @@ void VelmorALSAMIDIService::State::enumerate()
     deliveries.clear();
 }
 
+// --- Snapshots --------------------------------------------------------------------------------------
+
+void VelmorALSAMIDIService::State::publishSnapshots()
+{
+    if (!modelChanged)
+        return;
+    modelChanged = false;
+    snapshots.removeAll();
+    for (const auto& [ref, object] : objects) {
+        if (object.type == kMIDIObjectType_Other)
+            continue;
+        auto snapshot = std::make_shared<VelmorObjectSnapshot>();
+        snapshot->type = object.type;
+        snapshot->uniqueID = object.uniqueID;
+        snapshot->strings = object.strings;  // our own ports' strings come first
+        auto device = devices.find(object.address.first);
+        if (device != devices.end()) {
+            const ClientFacts& client = device->second.facts;
+            if (object.type == kMIDIObjectType_Device) {
+                snapshot->strings.try_emplace(std::string(kMIDIPropertyName), client.name);
+                for (int number : device->second.ports) {
+                    if (auto port = ports.find({object.address.first, number}); port != ports.end())
+                        snapshot->entities.push_back(port->second.entity);
+                }
+            } else if (auto port = ports.find(object.address); port != ports.end()) {
+                snapshot->strings.try_emplace(std::string(kMIDIPropertyName), port->second.facts.name);
+                if (object.type == kMIDIObjectType_Entity) {
+                    snapshot->parent = device->second.ref;
+                    if (port->second.source)
+                        snapshot->sources.push_back(port->second.source);
+                    if (port->second.destination)
+                        snapshot->destinations.push_back(port->second.destination);
+                } else {
+                    snapshot->parent = port->second.entity;
+                }
+            }
+            if (client.manufacturer)
+                snapshot->strings.try_emplace(std::string(kMIDIPropertyManufacturer), *client.manufacturer);
+            if (client.model)
+                snapshot->strings.try_emplace(std::string(kMIDIPropertyModel), *client.model);
+        }
+        snapshots.put(ref, std::move(snapshot));
+    }
+    snapshots.putList(VelmorObjectSnapshots::List::Sources, sources);
+    snapshots.putList(VelmorObjectSnapshots::List::Destinations, destinations);
+    snapshots.publish();
+}
+
 // --- Enumeration and properties ---------------------------------------------------------------------
+// Reads answer from the snapshots and take no lock, except for a reference the snapshots don't know
+// (a client, a port, or nothing), where the status tells which.
+
+using List = VelmorObjectSnapshots::List;
+using Children = VelmorObjectSnapshots::Children;
 
 ItemCount VelmorALSAMIDIService::numberOfSources()
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->sources.size();
+    return state_->snapshots.count(List::Sources);
 }
 
 MIDIEndpointRef VelmorALSAMIDIService::source(ItemCount index)
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return index < state_->sources.size() ? state_->sources[index] : 0;
+    return state_->snapshots.item(List::Sources, index);
 }
 
 ItemCount VelmorALSAMIDIService::numberOfDestinations()
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->destinations.size();
+    return state_->snapshots.count(List::Destinations);
 }
 
 MIDIEndpointRef VelmorALSAMIDIService::destination(ItemCount index)
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return index < state_->destinations.size() ? state_->destinations[index] : 0;
+    return state_->snapshots.item(List::Destinations, index);
 }
 
 ItemCount VelmorALSAMIDIService::deviceNumberOfEntities(MIDIDeviceRef device)
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(device);
-    if (it == state_->objects.end() || it->second.type != kMIDIObjectType_Device)
-        return 0;
-    return state_->devices.at(it->second.address.first).ports.size();
+    return state_->snapshots.childCount(device, kMIDIObjectType_Device, Children::Entities);
 }
 
 MIDIEntityRef VelmorALSAMIDIService::deviceEntity(MIDIDeviceRef device, ItemCount index)
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(device);
-    if (it == state_->objects.end() || it->second.type != kMIDIObjectType_Device)
-        return 0;
-    const int client = it->second.address.first;
-    const auto& ports = state_->devices.at(client).ports;
-    return index < ports.size() ? state_->ports.at({client, ports[index]}).entity : 0;
+    return state_->snapshots.child(device, kMIDIObjectType_Device, Children::Entities, index);
 }
 
 ItemCount VelmorALSAMIDIService::entityNumberOfSources(MIDIEntityRef entity)
 {
-    return entitySource(entity, 0) ? 1 : 0;
+    return state_->snapshots.childCount(entity, kMIDIObjectType_Entity, Children::Sources);
 }
 
 MIDIEndpointRef VelmorALSAMIDIService::entitySource(MIDIEntityRef entity, ItemCount index)
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(entity);
-    if (index != 0 || it == state_->objects.end() || it->second.type != kMIDIObjectType_Entity)
-        return 0;
-    return state_->ports.at(it->second.address).source;
+    return state_->snapshots.child(entity, kMIDIObjectType_Entity, Children::Sources, index);
 }
 
 ItemCount VelmorALSAMIDIService::entityNumberOfDestinations(MIDIEntityRef entity)
 {
-    return entityDestination(entity, 0) ? 1 : 0;
+    return state_->snapshots.childCount(entity, kMIDIObjectType_Entity, Children::Destinations);
 }
 
 MIDIEndpointRef VelmorALSAMIDIService::entityDestination(MIDIEntityRef entity, ItemCount index)
 {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(entity);
-    if (index != 0 || it == state_->objects.end() || it->second.type != kMIDIObjectType_Entity)
-        return 0;
-    return state_->ports.at(it->second.address).destination;
+    return state_->snapshots.child(entity, kMIDIObjectType_Entity, Children::Destinations, index);
 }
 
 OSStatus VelmorALSAMIDIService::endpointGetEntity(MIDIEndpointRef endpoint, MIDIEntityRef* outEntity)
 {
     if (!outEntity)
         return kMIDIParamErr;
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(endpoint);
-    if (it == state_->objects.end())
-        return kMIDIParamErr;
-    if (it->second.type != kMIDIObjectType_Source && it->second.type != kMIDIObjectType_Destination)
+    const VelmorObjectSnapshot* object = state_->snapshots.find(endpoint);
+    if (!object) {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        return state_->objects.count(endpoint) ? kMIDIUnknownEndpoint : kMIDIParamErr;
+    }
+    if (object->type != kMIDIObjectType_Source && object->type != kMIDIObjectType_Destination)
         return kMIDIUnknownEndpoint;
-    *outEntity = state_->ports.at(it->second.address).entity;
+    *outEntity = object->parent;
     return noErr;
 }
 
@@ -329,32 +364,19 @@ OSStatus VelmorALSAMIDIService::getStringProperty(MIDIObjectRef object, std::str
 {
     if (!outString)
         return kMIDIParamErr;
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(object);
-    if (it == state_->objects.end())
-        return kMIDIParamErr;
-    const State::Object& info = it->second;
+    const VelmorObjectSnapshot* snapshot = state_->snapshots.find(object);
+    if (!snapshot) {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        if (!state_->objects.count(object))
+            return kMIDIParamErr;
+    }
     if (propertyID == kMIDIPropertyUniqueID)
         return kMIDIUnknownProperty;
     outString->reset();
-    if (auto own = info.strings.find(propertyID); own != info.strings.end()) {
-        *outString = own->second;
-        return noErr;
-    }
-    auto device = state_->devices.find(info.address.first);
-    if (info.type == kMIDIObjectType_Other || device == state_->devices.end())
-        return noErr;
-    const ClientFacts& client = device->second.facts;
-    if (propertyID == kMIDIPropertyName) {
-        if (info.type == kMIDIObjectType_Device)
-            *outString = client.name;
-        else
-            *outString = state_->ports.at(info.address).facts.name;
-    } else if (propertyID == kMIDIPropertyManufacturer) {
-        *outString = client.manufacturer;
-    } else if (propertyID == kMIDIPropertyModel) {
-        *outString = client.model;
-    }
+    if (!snapshot)
+        return noErr;  // a client or port of ours: no properties
+    if (auto it = snapshot->strings.find(propertyID); it != snapshot->strings.end())
+        *outString = it->second;
     return noErr;
 }
 
@@ -377,6 +399,8 @@ OSStatus VelmorALSAMIDIService::setStringProperty(MIDIObjectRef object, std::str
             return kMIDIUnknownProperty;
         if (propertyID != kMIDIPropertyName) {
             it->second.strings[std::string(propertyID)] = std::string(value);
+            state.modelChanged = true;
+            state.publishSnapshots();
             state.notifyProperty(object, type, propertyID);
             state.wake();
             return noErr;
@@ -401,6 +425,7 @@ OSStatus VelmorALSAMIDIService::setStringProperty(MIDIObjectRef object, std::str
     std::lock_guard<std::mutex> lock(state.mutex);
     if (facts)
         state.updatePort(address, *facts);
+    state.publishSnapshots();
     state.wake();
     return noErr;
 }
@@ -410,13 +435,14 @@ OSStatus VelmorALSAMIDIService::getIntegerProperty(MIDIObjectRef object, std::st
 {
     if (!outValue)
         return kMIDIParamErr;
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->objects.find(object);
-    if (it == state_->objects.end())
-        return kMIDIParamErr;
-    if (propertyID != kMIDIPropertyUniqueID || it->second.type == kMIDIObjectType_Other)
+    const VelmorObjectSnapshot* snapshot = state_->snapshots.find(object);
+    if (!snapshot) {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        return state_->objects.count(object) ? kMIDIUnknownProperty : kMIDIParamErr;
+    }
+    if (propertyID != kMIDIPropertyUniqueID)
         return kMIDIUnknownProperty;
-    *outValue = it->second.uniqueID;
+    *outValue = snapshot->uniqueID;
     return noErr;
 }
 
@@ -439,6 +465,8 @@ OSStatus VelmorALSAMIDIService::setIntegerProperty(MIDIObjectRef object, std::st
     state.usedIDs.erase(it->second.uniqueID);
     state.usedIDs.insert(value);
     it->second.uniqueID = value;
+    state.modelChanged = true;
+    state.publishSnapshots();
     state.notifyProperty(object, it->second.type, kMIDIPropertyUniqueID);
     state.wake();
     return noErr;

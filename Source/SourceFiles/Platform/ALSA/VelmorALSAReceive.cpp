@@ -265,6 +265,7 @@ void VelmorALSAMIDIService::State::dispatch()
         std::vector<Client> targets;
         {
             std::lock_guard<std::mutex> lock(mutex);
+            publishSnapshots();  // a callback reads what its record reports
             if (deliveries.empty())
                 return;
             delivery = std::move(deliveries.front());

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "VelmorHostClock.h"
+#include "VelmorObjectSnapshots.h"
 
 namespace VelmorPlatform {
 
@@ -542,6 +543,8 @@ public:
     }
     void unlock()
     {
+        if (beforeUnlock_)
+            beforeUnlock_(context_);  // still exclusive
         state_.fetch_and(~writerBit, std::memory_order_release);
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -550,8 +553,17 @@ public:
         writers_.unlock();
     }
 
+    // Runs at the end of every exclusive section, before another thread can get in.
+    void setBeforeUnlock(void (*hook)(void*), void* context)
+    {
+        beforeUnlock_ = hook;
+        context_ = context;
+    }
+
 private:
     static constexpr std::uint32_t writerBit = 0x80000000u;
+    void (*beforeUnlock_)(void*) = nullptr;
+    void* context_ = nullptr;
     std::atomic<std::uint32_t> state_ {0};  // readers inside, and the bit of a writer waiting or inside
     std::mutex writers_;                    // one writer at a time
     std::mutex mutex_;                      // for waiting only
@@ -610,7 +622,9 @@ using namespace InProcessInternal;
 struct VelmorInProcessMIDIService::State {
     std::shared_ptr<Dispatcher> dispatcher = std::make_shared<Dispatcher>();
 
-    mutable GraphMutex mutex;  // the graph below; reads come on every decoded event
+    State() { mutex.setBeforeUnlock([](void* state) { static_cast<State*>(state)->endWrite(); }, this); }
+
+    mutable GraphMutex mutex;  // the graph below; writers only: reads go to the snapshots
     std::unordered_map<MIDIObjectRef, Object> objects;
     std::vector<MIDIEndpointRef> sourceList;       // in the order of creation
     std::vector<MIDIEndpointRef> destinationList;
@@ -672,6 +686,21 @@ struct VelmorInProcessMIDIService::State {
                 return id;
         }
     }
+
+    // What readers see: published at the end of each exclusive section, before the section's
+    // notifications are queued, so that a callback already reads what it reports.
+    VelmorObjectSnapshots snapshots;
+    std::vector<MIDIObjectRef> changed;  // objects whose snapshot is out of date
+    bool listsChanged = false;
+    struct PendingNotification {
+        MIDIObjectAddRemoveNotification record {};
+        std::string propertyName;
+    };
+    std::vector<PendingNotification> pendingNotifications;
+
+    // Publishes the changed snapshots, then queues the notifications of the section.
+    void endWrite();
+    std::shared_ptr<const VelmorObjectSnapshot> snapshotOf(const Object& object) const;
 
     void notifyAll(const MIDIObjectAddRemoveNotification& record, std::string_view propertyName = {});
     void notifyAddedRemoved(MIDINotificationMessageID messageID, const Object& child);

@@ -91,114 +91,85 @@ OSStatus VelmorInProcessMIDIService::removeStringProperty(MIDIObjectRef objectRe
 
 MIDIObjectType VelmorInProcessMIDIService::objectType(MIDIObjectRef objectRef) const
 {
-    std::shared_lock lock(state_->mutex);
-    const Object* object = state_->find(objectRef);
+    const VelmorObjectSnapshot* object = state_->snapshots.find(objectRef);
     return object ? object->type : kMIDIObjectType_Other;
 }
 
 // --- Enumeration -------------------------------------------------------------------------------------------
+// Reads answer from the published snapshots and take no lock; a count call starts a pass that the item
+// calls of the same thread answer from.
+
+using List = VelmorObjectSnapshots::List;
+using Children = VelmorObjectSnapshots::Children;
 
 ItemCount VelmorInProcessMIDIService::numberOfSources()
 {
     if (state_->begin(Call::GetNumberOfSources))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return state_->sourceList.size();
+    return state_->snapshots.count(List::Sources);
 }
 
 MIDIEndpointRef VelmorInProcessMIDIService::source(ItemCount index)
 {
     if (state_->begin(Call::GetSource))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return index < state_->sourceList.size() ? state_->sourceList[index] : 0;
+    return state_->snapshots.item(List::Sources, index);
 }
 
 ItemCount VelmorInProcessMIDIService::numberOfDestinations()
 {
     if (state_->begin(Call::GetNumberOfDestinations))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return state_->destinationList.size();
+    return state_->snapshots.count(List::Destinations);
 }
 
 MIDIEndpointRef VelmorInProcessMIDIService::destination(ItemCount index)
 {
     if (state_->begin(Call::GetDestination))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return index < state_->destinationList.size() ? state_->destinationList[index] : 0;
+    return state_->snapshots.item(List::Destinations, index);
 }
-
-namespace {
-
-template <class Member>
-ItemCount childCount(const std::unordered_map<MIDIObjectRef, Object>& objects, MIDIObjectRef ref,
-                     MIDIObjectType type, Member member)
-{
-    auto it = objects.find(ref);
-    return it == objects.end() || it->second.type != type ? 0 : (it->second.*member).size();
-}
-
-template <class Member>
-MIDIObjectRef childAt(const std::unordered_map<MIDIObjectRef, Object>& objects, MIDIObjectRef ref,
-                      MIDIObjectType type, Member member, ItemCount index)
-{
-    auto it = objects.find(ref);
-    if (it == objects.end() || it->second.type != type)
-        return 0;
-    const auto& children = it->second.*member;
-    return index < children.size() ? children[index] : 0;
-}
-
-} // namespace
 
 ItemCount VelmorInProcessMIDIService::deviceNumberOfEntities(MIDIDeviceRef device)
 {
     if (state_->begin(Call::DeviceGetNumberOfEntities))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return childCount(state_->objects, device, kMIDIObjectType_Device, &Object::entities);
+    return state_->snapshots.childCount(device, kMIDIObjectType_Device, Children::Entities);
 }
 
 MIDIEntityRef VelmorInProcessMIDIService::deviceEntity(MIDIDeviceRef device, ItemCount index)
 {
     if (state_->begin(Call::DeviceGetEntity))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return childAt(state_->objects, device, kMIDIObjectType_Device, &Object::entities, index);
+    return state_->snapshots.child(device, kMIDIObjectType_Device, Children::Entities, index);
 }
 
 ItemCount VelmorInProcessMIDIService::entityNumberOfSources(MIDIEntityRef entity)
 {
     if (state_->begin(Call::EntityGetNumberOfSources))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return childCount(state_->objects, entity, kMIDIObjectType_Entity, &Object::sources);
+    return state_->snapshots.childCount(entity, kMIDIObjectType_Entity, Children::Sources);
 }
 
 MIDIEndpointRef VelmorInProcessMIDIService::entitySource(MIDIEntityRef entity, ItemCount index)
 {
     if (state_->begin(Call::EntityGetSource))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return childAt(state_->objects, entity, kMIDIObjectType_Entity, &Object::sources, index);
+    return state_->snapshots.child(entity, kMIDIObjectType_Entity, Children::Sources, index);
 }
 
 ItemCount VelmorInProcessMIDIService::entityNumberOfDestinations(MIDIEntityRef entity)
 {
     if (state_->begin(Call::EntityGetNumberOfDestinations))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return childCount(state_->objects, entity, kMIDIObjectType_Entity, &Object::destinations);
+    return state_->snapshots.childCount(entity, kMIDIObjectType_Entity, Children::Destinations);
 }
 
 MIDIEndpointRef VelmorInProcessMIDIService::entityDestination(MIDIEntityRef entity, ItemCount index)
 {
     if (state_->begin(Call::EntityGetDestination))
         return 0;
-    std::shared_lock lock(state_->mutex);
-    return childAt(state_->objects, entity, kMIDIObjectType_Entity, &Object::destinations, index);
+    return state_->snapshots.child(entity, kMIDIObjectType_Entity, Children::Destinations, index);
 }
 
 OSStatus VelmorInProcessMIDIService::endpointGetEntity(MIDIEndpointRef endpoint, MIDIEntityRef* outEntity)
@@ -207,10 +178,11 @@ OSStatus VelmorInProcessMIDIService::endpointGetEntity(MIDIEndpointRef endpoint,
         return status;
     if (!outEntity)
         return kMIDIParamErr;
-    std::shared_lock lock(state_->mutex);
-    const Object* object = state_->find(endpoint);
-    if (!object || (object->type != kMIDIObjectType_Source && object->type != kMIDIObjectType_Destination))
+    const VelmorObjectSnapshot* object = state_->snapshots.find(endpoint);
+    if (!object || (object->type != kMIDIObjectType_Source && object->type != kMIDIObjectType_Destination)) {
+        std::shared_lock lock(state_->mutex);  // ports and clients are not in the snapshots
         return state_->wrongKind(endpoint, kMIDIUnknownEndpoint);
+    }
     *outEntity = object->parent;  // 0 for a virtual source
     return noErr;
 }
@@ -224,8 +196,7 @@ OSStatus VelmorInProcessMIDIService::getStringProperty(MIDIObjectRef objectRef, 
         return status;
     if (!outString)
         return kMIDIParamErr;
-    std::shared_lock lock(state_->mutex);
-    const Object* object = state_->find(objectRef);
+    const VelmorObjectSnapshot* object = state_->snapshots.find(objectRef);
     if (!object)
         return kMIDIParamErr;
     if (propertyID == kMIDIPropertyUniqueID)
@@ -265,8 +236,7 @@ OSStatus VelmorInProcessMIDIService::getIntegerProperty(MIDIObjectRef objectRef,
         return status;
     if (!outValue)
         return kMIDIParamErr;
-    std::shared_lock lock(state_->mutex);
-    const Object* object = state_->find(objectRef);
+    const VelmorObjectSnapshot* object = state_->snapshots.find(objectRef);
     if (!object)
         return kMIDIParamErr;
     if (propertyID != kMIDIPropertyUniqueID)
