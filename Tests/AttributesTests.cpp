@@ -102,6 +102,38 @@ TEST(AttributesTest, EqualityRules)
     EXPECT_FALSE(a->isEqual(std::shared_ptr<const VelmorRootObject>()));
 }
 
+namespace {
+// Applications derive their own attributes to carry more; equality looks at the class too.
+class StudioAttributes : public VelmorAttributes {
+public:
+    static std::shared_ptr<StudioAttributes> make() { return std::shared_ptr<StudioAttributes>(new StudioAttributes); }
+};
+class RackAttributes : public StudioAttributes {
+public:
+    static std::shared_ptr<RackAttributes> make() { return std::shared_ptr<RackAttributes>(new RackAttributes); }
+};
+} // namespace
+
+TEST(AttributesTest, EqualityAsksForThisClassOrOneDerivedFromIt)
+{
+    auto plain = VelmorAttributes::init();
+    auto studio = StudioAttributes::make();
+    auto rack = RackAttributes::make();
+    ASSERT_TRUE(plain->isEqual(*VelmorAttributes::init()));
+    for (const auto& other : {studio, std::shared_ptr<StudioAttributes>(rack)}) {
+        other->setName(plain->name());
+        other->setModel(plain->model());
+        other->setManufacturer(plain->manufacturer());
+    }
+    EXPECT_TRUE(plain->isEqual(*studio));
+    EXPECT_TRUE(plain->isEqual(std::shared_ptr<const VelmorRootObject>(rack)));
+    EXPECT_TRUE(studio->isEqual(*rack));
+    EXPECT_FALSE(studio->isEqual(*plain));
+    EXPECT_FALSE(studio->isEqual(std::shared_ptr<const VelmorRootObject>(plain)));
+    EXPECT_FALSE(rack->isEqual(*studio));
+    EXPECT_FALSE(rack->isEqual(*RackAttributes::make()));  // same class, fields still compared
+}
+
 TEST(AttributesTest, CopiesFollowTheDictionaryRules)
 {
     auto full = make(required());

@@ -51,6 +51,8 @@ public:
     // Field by field, nulls equal nulls, a null unique ID equals 0, index exactly.
     bool isEqual(const std::shared_ptr<const VelmorRootObject>& other) const;
     bool isEqual(const VelmorAttributes& other) const;
+    // True when `other` is of this object's dynamic class or of a class derived from it.
+    bool isOfThisClassOrDerived(const VelmorAttributes& other) const;
     std::uint64_t hash() const { return 0; }
 
     // A copy through the dictionary form: null when name, model or manufacturer is null.

@@ -136,20 +136,19 @@ void VelmorEndpoint::objectPropertyChanged(const VelmorNotification& notificatio
 bool VelmorEndpoint::matchesAttributesOptions(const std::shared_ptr<VelmorAttributes>& attributes,
                                               std::uint64_t options) const
 {
-    if (!attributes) {
-        VELMOR_FAILED("attributes != nil");
+    // Null attributes have every field null: no line, and an option word of 0 matches them too.
+    static const std::optional<std::string> none;
+    if ((options & VelmorAttributesOptionName) && !presentAndEqual(name(), attributes ? attributes->name() : none))
         return false;
-    }
-    if ((options & VelmorAttributesOptionName) && !presentAndEqual(name(), attributes->name()))
+    if ((options & VelmorAttributesOptionManufacturer) &&
+        !presentAndEqual(manufacturer(), attributes ? attributes->manufacturer() : none))
         return false;
-    if ((options & VelmorAttributesOptionManufacturer) && !presentAndEqual(manufacturer(), attributes->manufacturer()))
+    if ((options & VelmorAttributesOptionModel) && !presentAndEqual(model(), attributes ? attributes->model() : none))
         return false;
-    if ((options & VelmorAttributesOptionModel) && !presentAndEqual(model(), attributes->model()))
-        return false;
-    if ((options & VelmorAttributesOptionUniqueID) && attributes->uniqueID() &&
+    if ((options & VelmorAttributesOptionUniqueID) && attributes && attributes->uniqueID() &&
         uniqueID() != *attributes->uniqueID())
         return false;
-    if ((options & VelmorAttributesOptionIdentifier) && attributes->identifier() &&
+    if ((options & VelmorAttributesOptionIdentifier) && attributes && attributes->identifier() &&
         !presentAndEqual(identifier(), attributes->identifier()))
         return false;
     return true;

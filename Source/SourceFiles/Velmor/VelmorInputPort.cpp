@@ -114,6 +114,12 @@ void VelmorInputPort::addSource(const std::shared_ptr<VelmorRemoteSource>& sourc
         VELMOR_FAILED_WITH("noErr == status", status);
         return;
     }
+    // The service keeps one connection per endpoint, and a new one replaces the old: another object of
+    // this endpoint is no longer connected, and must not disconnect this one later. At its next
+    // consumer it connects again.
+    std::erase_if(mutableSources_, [&](const std::shared_ptr<VelmorRemoteSource>& member) {
+        return member != source && member->object() == endpoint;
+    });
     mutableSources_.push_back(source);
 }
 

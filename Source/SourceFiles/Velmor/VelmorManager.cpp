@@ -347,6 +347,11 @@ bool VelmorManager::findSourcesWithNotifications(bool postNotifications)
                 gone.erase(inGone);
             continue;
         }
+        // A list that changes between the count and the item calls can name one endpoint twice; two
+        // objects of one endpoint would share, then lose, its one connection.
+        if (std::any_of(added.begin(), added.end(),
+                        [endpoint](const std::shared_ptr<VelmorRemoteSource>& source) { return source->object() == endpoint; }))
+            continue;
         // A source that can't be made now is tried again at the next pass.
         if (auto source = VelmorRemoteSource::initWithEndpointRefRequestedUniqueID(endpoint, std::nullopt))
             added.push_back(std::move(source));
@@ -359,6 +364,12 @@ bool VelmorManager::findSourcesWithNotifications(bool postNotifications)
     if (postNotifications)
         center.postNotificationName(VelmorManager_SourcesWillChangeNotification, self);
     for (const auto& source : added) {
+        // An observer that serves the main queue can run a pass of its own inside this one.
+        if (mutableSources_ && std::any_of(mutableSources_->begin(), mutableSources_->end(),
+                                           [&](const std::shared_ptr<VelmorRemoteSource>& member) {
+                                               return member->object() == source->object();
+                                           }))
+            continue;
         if (mutableSources_)
             mutableSources_->push_back(source);
         adjustIndiciesOfSources(sourcesIdenticalToSource(source));
@@ -366,6 +377,11 @@ bool VelmorManager::findSourcesWithNotifications(bool postNotifications)
             center.postNotificationName(VelmorManager_DidAddSourceNotification, source);
     }
     for (const auto& source : gone) {
+        if (mutableSources_ && std::none_of(mutableSources_->begin(), mutableSources_->end(),
+                                            [&](const std::shared_ptr<VelmorRemoteSource>& member) {
+                                                return sameObject(member, source);
+                                            }))
+            continue;  // a nested pass removed it already
         if (postNotifications)
             center.postNotificationName(VelmorManager_WillRemoveSourceNotification, source);
         source->willBeRemoved();
@@ -635,6 +651,9 @@ bool VelmorManager::findRemoteOutputsWithNotifications(bool postNotifications)
                 gone.erase(inGone);
             continue;
         }
+        if (std::any_of(added.begin(), added.end(),
+                        [endpoint](const std::shared_ptr<VelmorRemoteOutput>& output) { return output->object() == endpoint; }))
+            continue;  // named twice by a list that changed during the pass
         // A destination that can't be wrapped now is tried again at the next pass.
         if (auto output = VelmorRemoteOutput::initWithEndpointRefOutputPort(endpoint, outputPort_))
             added.push_back(std::move(output));
@@ -648,12 +667,20 @@ bool VelmorManager::findRemoteOutputsWithNotifications(bool postNotifications)
     if (postNotifications)
         center.postNotificationName(VelmorManager_OutputsWillChangeNotification, self);
     for (const auto& output : added) {
+        if (mutableRemoteOutputs_ && std::any_of(mutableRemoteOutputs_->begin(), mutableRemoteOutputs_->end(),
+                                                 [&](const std::shared_ptr<VelmorRemoteOutput>& member) {
+                                                     return member->object() == output->object();
+                                                 }))
+            continue;  // a nested pass added it already
         if (mutableRemoteOutputs_)
             mutableRemoteOutputs_->push_back(output);
         if (postNotifications)
             center.postNotificationName(VelmorManager_DidAddOutputNotification, output);
     }
     for (const auto& output : gone) {
+        if (mutableRemoteOutputs_ && std::find(mutableRemoteOutputs_->begin(), mutableRemoteOutputs_->end(), output) ==
+                                         mutableRemoteOutputs_->end())
+            continue;  // a nested pass removed it already
         if (postNotifications)
             center.postNotificationName(VelmorManager_WillRemoveOutputNotification, output);
         if (mutableRemoteOutputs_)

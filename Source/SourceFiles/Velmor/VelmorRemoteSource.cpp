@@ -336,9 +336,7 @@ bool VelmorRemoteSource::matchesAttributesOptions(const std::shared_ptr<VelmorAt
         return false;
     if (!(options & VelmorAttributesOptionIndex))
         return true;
-    if (!attributes)
-        return false;
-    const std::uint64_t wanted = attributes->index();
+    const std::uint64_t wanted = attributes ? attributes->index() : 0;
     if (wanted < 2 && index_ < 2)
         return true;
     return wanted == index_;

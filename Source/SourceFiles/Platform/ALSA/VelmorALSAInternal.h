@@ -1,0 +1,281 @@
+#pragma once
+
+// What the ALSA service's files share: the sequencer's facts, the object model and the service's state.
+// Private to the service; built only where libasound is found.
+
+#include "VelmorALSAMIDIService.h"
+
+#include <alsa/asoundlib.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "VelmorHostClock.h"
+
+namespace VelmorPlatform {
+
+namespace ALSAInternal {
+
+using Address = std::pair<int, int>;  // sequencer client, port
+
+inline void reportFailure(const char* what, int error)
+{
+    std::fprintf(stderr, "VelmorALSAMIDIService: %s failed: %s\n", what, snd_strerror(error));
+}
+
+inline std::uint32_t hashText(std::uint32_t hash, std::string_view text)
+{
+    for (unsigned char c : text)
+        hash = (hash ^ c) * 16777619u;
+    return (hash ^ 0xFFu) * 16777619u;  // a separator, so that "ab"+"c" differs from "a"+"bc"
+}
+
+inline std::string_view trimmed(const char* text)
+{
+    std::string_view view = text ? text : "";
+    while (!view.empty() && view.back() == ' ')
+        view.remove_suffix(1);
+    return view;
+}
+
+inline constexpr unsigned kSourceCaps = SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ;
+inline constexpr unsigned kDestinationCaps = SND_SEQ_PORT_CAP_WRITE | SND_SEQ_PORT_CAP_SUBS_WRITE;
+inline constexpr std::size_t kMaxPacketBytes = 65535;
+// How often the names of other programs' ports are looked at: the sequencer announces no renames.
+inline constexpr int kRescanMs = 250;
+// An exclusive message that never ends is handed on in pieces of this size rather than kept forever.
+inline constexpr std::size_t kMaxPendingExclusive = std::size_t(16) << 20;
+
+// What the sequencer tells about one port.
+struct PortFacts {
+    std::string name;
+    unsigned caps = 0;
+};
+
+// What the sequencer and the sound card tell about one client.
+struct ClientFacts {
+    std::string name;
+    int card = -1;
+    std::string cardID;
+    std::optional<std::string> manufacturer;
+    std::optional<std::string> model;
+};
+
+inline std::vector<std::uint8_t> packetListImage(const std::vector<std::uint8_t>& bytes, MIDITimeStamp timeStamp)
+{
+    const std::size_t packets = std::max<std::size_t>(1, (bytes.size() + kMaxPacketBytes - 1) / kMaxPacketBytes);
+    std::vector<std::uint8_t> image(4 + packets * 10 + bytes.size());
+    const auto count = std::uint32_t(packets);
+    std::memcpy(image.data(), &count, 4);
+    std::size_t at = 4;
+    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
+        const auto length = std::uint16_t(std::min(kMaxPacketBytes, bytes.size() - offset));
+        std::memcpy(image.data() + at, &timeStamp, 8);
+        std::memcpy(image.data() + at + 8, &length, 2);
+        if (length)
+            std::memcpy(image.data() + at + 10, bytes.data() + offset, length);
+        at += 10 + length;
+        offset += length;
+    }
+    return image;
+}
+
+// The sound card behind a kernel client, as the kernel lists it in /proc/asound/cards:
+//  " 1 [MIDI           ]: USB-Audio - VM USB MIDI"
+//  "                      velmor-vm VM USB MIDI at usb-dummy_hcd.0-1, high speed"
+// This needs neither the card's control device nor libasound's configuration.
+inline void readCardFacts(ClientFacts& facts)
+{
+    std::FILE* file = std::fopen("/proc/asound/cards", "r");
+    if (!file)
+        return;
+    char line[512];
+    bool found = false;
+    std::string name;
+    std::string driver;
+    while (std::fgets(line, sizeof line, file)) {
+        std::string text(line);
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+            text.pop_back();
+        if (found) {
+            const std::string longName = text.substr(std::min(text.size(), text.find_first_not_of(' ')));
+            const auto at = longName.find(" " + name + " at ");
+            facts.manufacturer = at != std::string::npos && at > 0 ? longName.substr(0, at) : driver;
+            break;
+        }
+        int number = -1;
+        char id[64] = {};
+        if (std::sscanf(line, " %d [%63[^]]]", &number, id) != 2 || number != facts.card)
+            continue;
+        facts.cardID = std::string(trimmed(id));
+        const auto colon = text.find("]: ");
+        const auto dash = text.find(" - ", colon);
+        if (colon == std::string::npos || dash == std::string::npos)
+            break;
+        driver = text.substr(colon + 3, dash - colon - 3);
+        name = text.substr(dash + 3);
+        facts.model = name;
+        facts.manufacturer = driver;
+        found = true;
+    }
+    std::fclose(file);
+}
+
+} // namespace ALSAInternal
+
+// Only the service's own files include this header.
+using namespace ALSAInternal;
+
+struct VelmorALSAMIDIService::State {
+    // --- The object model (guarded by mutex) ------------------------------------------------------
+    struct Device {
+        MIDIDeviceRef ref = 0;
+        ClientFacts facts;
+        std::int32_t uniqueID = 0;
+        std::vector<int> ports;  // listed ports, in order of appearance
+    };
+    struct Port {
+        Address address;
+        PortFacts facts;
+        MIDIEntityRef entity = 0;
+        MIDIEndpointRef source = 0;
+        MIDIEndpointRef destination = 0;
+        bool own = false;
+        MIDIClientRef owner = 0;  // own virtual sources: the client that made it
+    };
+    struct Object {
+        MIDIObjectType type = kMIDIObjectType_Other;
+        Address address {-1, -1};  // a device has port -1
+        std::int32_t uniqueID = 0;
+        std::map<std::string, std::string, std::less<>> strings;  // own ports only
+    };
+    struct Client {
+        MIDINotifyProc notifyProc = nullptr;
+        void* refCon = nullptr;
+    };
+    struct Connection {
+        void* refCon = nullptr;
+        Address address;
+        std::vector<std::uint8_t> pendingExclusive;
+        MIDITimeStamp pendingTimeStamp = 0;
+    };
+    struct InputPort {
+        MIDIClientRef client = 0;
+        int seqPort = -1;
+        MIDIReadProc readProc = nullptr;
+        void* refCon = nullptr;
+        std::map<MIDIEndpointRef, Connection> connections;
+    };
+    struct OutputPort {
+        MIDIClientRef client = 0;
+        int seqPort = -1;
+        std::set<Address> subscribed;
+    };
+
+    std::mutex mutex;
+    MIDIObjectRef nextRef = 1;
+    std::map<int, Device> devices;
+    std::map<Address, Port> ports;
+    std::map<MIDIObjectRef, Object> objects;
+    std::set<std::int32_t> usedIDs;
+    std::vector<MIDIEndpointRef> sources;
+    std::vector<MIDIEndpointRef> destinations;
+    std::map<MIDIClientRef, Client> clients;
+    std::map<MIDIPortRef, InputPort> inputPorts;
+    std::map<MIDIPortRef, OutputPort> outputPorts;
+
+    // --- Deliveries to the service thread (guarded by mutex) -------------------------------------
+    struct Delivery {
+        enum class Kind { Notification, Packets, Marker } kind = Kind::Notification;
+        MIDIObjectAddRemoveNotification addRemove {};
+        MIDIObjectPropertyChangeNotification property {};
+        std::string propertyName;
+        MIDIPortRef port = 0;
+        MIDIEndpointRef source = 0;
+        std::vector<std::uint8_t> image;
+        std::uint64_t marker = 0;
+    };
+    std::deque<Delivery> deliveries;
+
+    // --- The sequencer (handle calls guarded by seqMutex) -----------------------------------------
+    std::mutex seqMutex;
+    snd_seq_t* seq = nullptr;
+    int myClient = -1;
+    int announcePort = -1;
+    int queue = -1;
+    MIDITimeStamp queueBaseHostTime = 0;  // host time at the queue's real time 0
+    int wakeFd = -1;
+
+    // Held while a callback runs, so that ending a registration can wait for its callback.
+    std::mutex callbackMutex;
+    std::thread thread;
+    std::atomic<std::thread::id> threadID {};
+    std::atomic<bool> stopping {false};
+
+    std::mutex markerMutex;
+    std::condition_variable markerDone;
+    std::uint64_t markersSent = 0;     // guarded by markerMutex
+    std::uint64_t markersHandled = 0;  // guarded by markerMutex
+
+    snd_midi_event_t* decoder = nullptr;  // service thread only
+
+    ~State();
+    bool open();
+    void run();
+    void wake() const;
+    bool onServiceThread() const { return threadID.load() == std::this_thread::get_id(); }
+    void waitForCallbacks()
+    {
+        if (!onServiceThread())
+            std::lock_guard<std::mutex> wait(callbackMutex);
+    }
+
+    // Sequencer queries (take seqMutex).
+    std::optional<ClientFacts> queryClient(int client);
+    std::optional<PortFacts> queryPort(Address address);
+    std::vector<std::pair<Address, PortFacts>> queryPorts(int client);
+    MIDITimeStamp hostTimeOf(const snd_seq_event_t& event) const;
+    bool scheduleTime(MIDITimeStamp timeStamp, snd_seq_real_time_t* out) const;
+    int output(snd_seq_event_t& event);
+
+    // Model changes (caller holds mutex); notifications queue deliveries.
+    MIDIObjectRef newObject(MIDIObjectType type, Address address, std::int32_t wantedID);
+    std::int32_t uniqueIDFor(std::uint32_t hash);
+    void notifyAddRemove(MIDINotificationMessageID id, MIDIObjectRef parent, MIDIObjectType parentType,
+                         MIDIObjectRef child, MIDIObjectType childType);
+    void notifyProperty(MIDIObjectRef object, MIDIObjectType type, std::string_view property);
+    Device& deviceFor(int client, const ClientFacts& facts);
+    Port* addPort(Address address, const PortFacts& facts, const ClientFacts& client, bool own, MIDIClientRef owner);
+    void addEndpoint(Port& port, bool source);
+    void removeEndpoint(Port& port, bool source);
+    void removePort(Address address);
+    void updatePort(Address address, const PortFacts& facts);
+    void forgetObject(MIDIObjectRef ref);
+    std::uint32_t portHash(const Port& port, const ClientFacts& client) const;
+
+    // Service thread.
+    void handleAnnouncement(const snd_seq_event_t& event);
+    void updateClient(int client, const ClientFacts& facts);
+    void rescan();
+    void handleMIDI(const snd_seq_event_t& event, std::vector<std::uint8_t>& bytes);
+    void dispatch();
+    void enumerate();
+};
+
+} // namespace VelmorPlatform
