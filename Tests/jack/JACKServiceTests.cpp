@@ -55,7 +55,7 @@ bool jackdInstalled()
             GTEST_SKIP() << "jackd is not installed (Debian: jackd2); the JACK suite needs a JACK server"; \
     } while (0)
 
-bool serveUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5000ms)
+bool serveUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 15000ms)
 {
     return VelmorMainQueue::mainQueue().runUntil(condition, timeout);
 }
@@ -84,7 +84,8 @@ std::int64_t jackClockOffsetMicros()
     return offset;
 }
 
-// A JACK client written with libjack alone: one MIDI output port that sends what the test queues (as
+// A JACK client written with libjack alone (its ports are "<name> out" and "<name> in", so that test
+// cases running side by side against one server don't mistake each other's): one MIDI output port that sends what the test queues (as
 // many events a cycle as fit, `perCycle` at most), and one MIDI input port that records what arrives.
 class PlainClient {
 public:
@@ -96,15 +97,15 @@ public:
         jack_nframes_t latestFrame;
     };
 
-    PlainClient(const std::string& name, bool output, bool input)
+    PlainClient(const std::string& name, bool output, bool input) : name_(name)
     {
         client_ = jack_client_open(name.c_str(), JackNoStartServer, nullptr);
         if (!client_)
             return;
         if (output)
-            out_ = jack_port_register(client_, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+            out_ = jack_port_register(client_, (name + " out").c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
         if (input)
-            in_ = jack_port_register(client_, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+            in_ = jack_port_register(client_, (name + " in").c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
         toSend_ = jack_ringbuffer_create(1 << 20);
         received_ = jack_ringbuffer_create(1 << 20);
         jack_set_process_callback(client_, &PlainClient::process, this);
@@ -125,6 +126,8 @@ public:
     bool ok() const { return client_ != nullptr; }
     jack_client_t* client() const { return client_; }
     std::string outName() const { return out_ ? jack_port_name(out_) : ""; }
+    std::string outShortName() const { return name_ + " out"; }
+    std::string inShortName() const { return name_ + " in"; }
     std::string inName() const { return in_ ? jack_port_name(in_) : ""; }
     jack_port_t* outPort() const { return out_; }
 
@@ -209,6 +212,7 @@ private:
         return 0;
     }
 
+    std::string name_;
     jack_client_t* client_ = nullptr;
     jack_port_t* out_ = nullptr;
     jack_port_t* in_ = nullptr;
@@ -359,7 +363,7 @@ TEST(JACKService, ForeignMonitorIsADestinationGetsOurNotesAndGoes)
     output->sendEvent(VelmorEvent::controlChangeEventWithControllerValueChannelTimeOffset(7, 90, 3, 0));
     output->sendEvent(VelmorEvent::noteOffEventWithNoteVelocityChannelTimeOffset(60, 0, 1, 0));
     std::string text;
-    for (int i = 0; i < 100 && text.find("80 3c 00") == std::string::npos; ++i) {
+    for (int i = 0; i < 500 && text.find("80 3c 00") == std::string::npos; ++i) {
         std::this_thread::sleep_for(20ms);
         text = readFile(log);
     }
@@ -385,8 +389,8 @@ TEST(JACKService, PlainClientEventsArriveTypedInOrder)
     manager->sources();
     PlainClient sender("velmor-sender", true, false);
     ASSERT_TRUE(sender.ok());
-    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->sources(), "out") != nullptr; }));
-    auto source = endpointNamed(manager->sources(), "out");
+    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->sources(), sender.outShortName()) != nullptr; }));
+    auto source = endpointNamed(manager->sources(), sender.outShortName());
     EXPECT_NE(source->uniqueID(), 0);
     auto consumer = std::make_shared<Consumer>();
     source->addConsumer(consumer);
@@ -438,10 +442,10 @@ TEST(JACKService, ExclusiveOf64KiBArrivesWholeBothWays)
     PlainClient peer("velmor-peer", true, true);
     ASSERT_TRUE(peer.ok());
     ASSERT_TRUE(serveUntil([&] {
-        return endpointNamed(manager->sources(), "out") && endpointNamed(manager->remoteOutputs(), "in");
+        return endpointNamed(manager->sources(), peer.outShortName()) && endpointNamed(manager->remoteOutputs(), peer.inShortName());
     }));
     auto consumer = std::make_shared<Consumer>();
-    endpointNamed(manager->sources(), "out")->addConsumer(consumer);
+    endpointNamed(manager->sources(), peer.outShortName())->addConsumer(consumer);
     jackService().waitUntilIdle();
 
     const Bytes exclusive = exclusiveOf(65536);
@@ -457,7 +461,7 @@ TEST(JACKService, ExclusiveOf64KiBArrivesWholeBothWays)
     EXPECT_EQ(bytesOf(consumer->events[2]), (Bytes {0x90, 0x40, 0x40}));
 
     // The other way: through the boundary, as one list of two packets (a packet holds 65535 bytes).
-    auto output = endpointNamed(manager->remoteOutputs(), "in");
+    auto output = endpointNamed(manager->remoteOutputs(), peer.inShortName());
     Bytes image(4);
     image[0] = 2;
     auto appendPacket = [&](const std::uint8_t* bytes, std::size_t length) {
@@ -473,7 +477,7 @@ TEST(JACKService, ExclusiveOf64KiBArrivesWholeBothWays)
               noErr);
     Bytes joined;
     std::size_t events = 0;
-    for (int i = 0; i < 500 && joined.size() < exclusive.size(); ++i) {
+    for (int i = 0; i < 1500 && joined.size() < exclusive.size(); ++i) {
         std::this_thread::sleep_for(10ms);
         for (auto& event : peer.take()) {
             joined.insert(joined.end(), event.bytes.begin(), event.bytes.end());
@@ -494,8 +498,8 @@ TEST(JACKService, TimedSendLeavesInTheCycleThatCoversItsTime)
     manager->remoteOutputs();
     PlainClient receiver("velmor-receiver", false, true);
     ASSERT_TRUE(receiver.ok());
-    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->remoteOutputs(), "in") != nullptr; }));
-    auto output = endpointNamed(manager->remoteOutputs(), "in");
+    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->remoteOutputs(), receiver.inShortName()) != nullptr; }));
+    auto output = endpointNamed(manager->remoteOutputs(), receiver.inShortName());
     const std::int64_t offset = jackClockOffsetMicros();
     auto jackTimeOf = [&](MIDITimeStamp host) {
         return std::int64_t(AudioConvertHostTimeToNanos(host) / 1000) - offset;
@@ -514,7 +518,7 @@ TEST(JACKService, TimedSendLeavesInTheCycleThatCoversItsTime)
         // A sender kept waiting longer than the window says nothing of the timing.
         const bool slow = jackTimeOf(AudioGetCurrentHostTime()) + 10000 > std::int64_t(receiver.latest.load());
         std::vector<PlainClient::Received> got;
-        for (int i = 0; i < 300 && got.empty(); ++i) {
+        for (int i = 0; i < 2000 && got.empty(); ++i) {
             std::this_thread::sleep_for(1ms);
             got = receiver.take();
         }
@@ -549,9 +553,9 @@ TEST(JACKService, PortsComeAndGoWhileEventsFlow)
     Recorder recorder;
     PlainClient sender("velmor-flow", true, false);
     ASSERT_TRUE(sender.ok());
-    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->sources(), "out") != nullptr; }));
+    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->sources(), sender.outShortName()) != nullptr; }));
     auto consumer = std::make_shared<Consumer>();
-    endpointNamed(manager->sources(), "out")->addConsumer(consumer);
+    endpointNamed(manager->sources(), sender.outShortName())->addConsumer(consumer);
     jackService().waitUntilIdle();
     sender.perCycle = 4;
 
@@ -606,8 +610,8 @@ TEST(JACKService, RenamesAndPrettyNamesChangeTheName)
     manager->sources();
     PlainClient sender("velmor-names", true, false);
     ASSERT_TRUE(sender.ok());
-    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->sources(), "out") != nullptr; }));
-    auto source = endpointNamed(manager->sources(), "out");
+    ASSERT_TRUE(serveUntil([&] { return endpointNamed(manager->sources(), sender.outShortName()) != nullptr; }));
+    auto source = endpointNamed(manager->sources(), sender.outShortName());
     const auto uniqueID = source->uniqueID();
     Recorder recorder;
 
@@ -647,7 +651,7 @@ TEST(JACKService, VirtualOutputIsAPortWithItsIdentifierInMetadata)
     jackService().waitUntilIdle();
     output->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(64, 99, 10, 0));
     std::vector<PlainClient::Received> got;
-    for (int i = 0; i < 200 && got.empty(); ++i) {
+    for (int i = 0; i < 2000 && got.empty(); ++i) {
         std::this_thread::sleep_for(5ms);
         got = reader.take();
     }
@@ -732,17 +736,17 @@ TEST(JACKService, FullRingIsReportedAndDisconnectEndsCallbacks)
     // Hold the service thread inside a read procedure while far more than the ring holds arrives.
     probe.hold = true;
     sender.send({0x90, 0x01, 0x01});
-    for (int i = 0; i < 200 && probe.calls == 0; ++i)
+    for (int i = 0; i < 2000 && probe.calls == 0; ++i)
         std::this_thread::sleep_for(5ms);
     ASSERT_EQ(probe.calls, 1);
     constexpr std::uint64_t kFlood = 40000;  // 40000 * (16 + 3) bytes: well over the 256 KiB ring
     for (std::uint64_t i = 0; i < kFlood; ++i)
         sender.send({0x90, std::uint8_t(i % 128), 0x40});
-    for (int i = 0; i < 1000 && !sender.sent(); ++i)
+    for (int i = 0; i < 3000 && !sender.sent(); ++i)
         std::this_thread::sleep_for(5ms);
     std::this_thread::sleep_for(30ms);
     probe.hold = false;
-    for (int i = 0; i < 400 && probe.events + probe.dropped < kFlood + 1; ++i)
+    for (int i = 0; i < 3000 && probe.events + probe.dropped < kFlood + 1; ++i)
         std::this_thread::sleep_for(5ms);
     EXPECT_GT(probe.dropped.load(), 0u);
     EXPECT_GE(probe.droppedRecords.load(), 1);
@@ -782,8 +786,8 @@ TEST(JACKService, ExitWithGlobalsWhileEventsFlow)
                 std::_Exit(3);
             globalManager->sources();
             globalPeer = std::make_unique<PlainClient>("velmor-exit-peer", true, true);
-            serveUntil([&] { return endpointNamed(globalManager->sources(), "out") != nullptr; });
-            globalSource = endpointNamed(globalManager->sources(), "out");
+            serveUntil([&] { return endpointNamed(globalManager->sources(), globalPeer->outShortName()) != nullptr; });
+            globalSource = endpointNamed(globalManager->sources(), globalPeer->outShortName());
             if (!globalSource)
                 std::_Exit(4);
             globalConsumer = std::make_shared<Consumer>();
