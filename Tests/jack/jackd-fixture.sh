@@ -31,7 +31,9 @@ start)
   fi
   mkdir -p "$dir"
   stop  # a server left behind by an interrupted run
-  jackd -n "$name" --no-realtime -d dummy -r 48000 -p 256 >"$log" 2>&1 &
+  # Synchronous: a cycle waits for its clients, so a busy machine makes cycles late rather than lose
+  # a late client's events (in the default mode JACK skips it and its MIDI for that cycle is gone).
+  jackd -n "$name" --no-realtime --sync --timeout 5000 -d dummy -r 48000 -p 256 >"$log" 2>&1 &
   echo $! >"$pidfile"
   for _ in $(seq 100); do
     if jack_lsp >/dev/null 2>&1; then

@@ -232,7 +232,7 @@ struct VelmorJACKMIDIService::State {
     void forgetObject(MIDIObjectRef ref);
     Port* addPort(const std::string& fullName, jack_uuid_t uuid, bool output, const std::optional<std::string>& name,
                   std::map<std::string, std::string, std::less<>> strings, bool own, MIDIClientRef owner);
-    void removePort(const std::string& fullName);
+    void removePort(std::string fullName);  // by value: callers pass names that it frees
     void setObjectName(MIDIObjectRef ref, const std::optional<std::string>& name);
     void setObjectString(MIDIObjectRef ref, std::string_view key, const std::optional<std::string>& value);
     void publish();
@@ -244,6 +244,7 @@ struct VelmorJACKMIDIService::State {
     void notifyProperty(MIDIObjectRef object, MIDIObjectType type, std::string_view property);
     void resync();
     static void registrationCallback(jack_port_id_t port, int registered, void* arg);
+    static void clientCallback(const char* name, int registered, void* arg);
     static void renameCallback(jack_port_id_t port, const char* oldName, const char* newName, void* arg);
     static void propertyCallback(jack_uuid_t subject, const char* key, jack_property_change_t change, void* arg);
     static void shutdownCallback(void* arg);

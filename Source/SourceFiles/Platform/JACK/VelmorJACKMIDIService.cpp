@@ -95,6 +95,7 @@ bool VelmorJACKMIDIService::State::open(const std::string& name, const std::stri
     jack_set_process_callback(handle, &State::process, this);
     jack_set_port_registration_callback(handle, &State::registrationCallback, this);
     jack_set_port_rename_callback(handle, &State::renameCallback, this);
+    jack_set_client_registration_callback(handle, &State::clientCallback, this);
     jack_set_property_change_callback(handle, &State::propertyCallback, this);
     jack_on_shutdown(handle, &State::shutdownCallback, this);
 
@@ -320,6 +321,7 @@ void VelmorJACKMIDIService::State::run()
 {
     threadID = std::this_thread::get_id();
     auto lastMeasure = std::chrono::steady_clock::now();
+    std::vector<std::chrono::steady_clock::time_point> followUps;
     while (!stopping) {
         if (std::chrono::steady_clock::now() - lastMeasure > std::chrono::seconds(1)) {
             measureClocks();
@@ -327,7 +329,7 @@ void VelmorJACKMIDIService::State::run()
         }
         timespec until {};
         clock_gettime(CLOCK_MONOTONIC, &until);
-        until.tv_nsec += 100 * 1000000;
+        until.tv_nsec += (followUps.empty() ? 100 : 20) * 1000000;
         if (until.tv_nsec >= 1000000000) {
             until.tv_sec += 1;
             until.tv_nsec -= 1000000000;
@@ -340,8 +342,15 @@ void VelmorJACKMIDIService::State::run()
         // Events that are in the rings came before any change that is announced now.
         drainInputs();
         dispatch();
-        if (resyncWanted.exchange(false))
+        // JACK tells of a port going before its list drops it: look again a little later, twice.
+        const auto now = std::chrono::steady_clock::now();
+        if (resyncWanted.exchange(false)) {
             resync();
+            followUps = {now + std::chrono::milliseconds(50), now + std::chrono::milliseconds(500)};
+        } else if (!followUps.empty() && now >= followUps.front()) {
+            followUps.erase(followUps.begin());
+            resync();
+        }
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (markerWanted) {
@@ -357,6 +366,13 @@ void VelmorJACKMIDIService::State::run()
 }
 
 void VelmorJACKMIDIService::State::registrationCallback(jack_port_id_t, int, void* arg)
+{
+    auto* state = static_cast<State*>(arg);
+    state->resyncWanted = true;
+    state->wake();
+}
+
+void VelmorJACKMIDIService::State::clientCallback(const char*, int, void* arg)
 {
     auto* state = static_cast<State*>(arg);
     state->resyncWanted = true;

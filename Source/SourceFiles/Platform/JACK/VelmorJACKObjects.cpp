@@ -148,7 +148,7 @@ void VelmorJACKMIDIService::State::retireConnectionsTo(MIDIEndpointRef endpoint)
         }
 }
 
-void VelmorJACKMIDIService::State::removePort(const std::string& fullName)
+void VelmorJACKMIDIService::State::removePort(std::string fullName)
 {
     auto it = ports.find(fullName);
     if (it == ports.end())

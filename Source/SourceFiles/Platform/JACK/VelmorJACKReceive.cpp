@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "VelmorHostClock.h"
+
 namespace VelmorPlatform {
 
 // Real-time thread: copy each event with its time into the slot's ring; count what doesn't fit.
@@ -128,6 +130,7 @@ void VelmorJACKMIDIService::State::drainInputs()
     std::vector<std::uint8_t> bytes;
     std::vector<std::uint8_t> image;
     std::lock_guard<std::mutex> lock(mutex);
+    const MIDITimeStamp now = AudioGetCurrentHostTime();
     for (auto& [portRef, inputPort] : inputPorts) {
         for (auto& [sourceRef, connection] : inputPort.connections) {
             Slot& slot = slots[connection.slot];
@@ -147,8 +150,9 @@ void VelmorJACKMIDIService::State::drainInputs()
                 bytes.resize(record.length);
                 jack_ringbuffer_read(slot.ring, reinterpret_cast<char*>(bytes.data()), record.length);
                 // JACK's estimate of a cycle's time moves when a cycle runs late: keep one source's
-                // stamps in order.
-                const MIDITimeStamp stamp = std::max(hostTimeOfJackTime(record.jackTime), connection.lastTimeStamp);
+                // stamps in order, and none after the moment we hold the event.
+                const MIDITimeStamp stamp =
+                    std::max(std::min(hostTimeOfJackTime(record.jackTime), now), connection.lastTimeStamp);
                 connection.lastTimeStamp = stamp;
                 if (record.length)
                     handleMessage(portRef, sourceRef, connection, bytes.data(), bytes.size(), stamp, image, packets);

@@ -193,6 +193,9 @@ OSStatus VelmorJACKMIDIService::send(MIDIPortRef port, MIDIEndpointRef destinati
             return kMIDIUnknownEndpoint;
         }
         // JACK makes a connection effective at a later cycle: what we wrote before would go nowhere.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+        while (jack_port_connected(state.slots[*slot].port) <= 0 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
         state.waitForCycles(2);
         bool kept = false;
         {
