@@ -88,6 +88,27 @@ struct Model {
     std::vector<MIDIEndpointRef> destinations;
 };
 
+// Where the current snapshot is kept. The lock guards the copy of one pointer and nothing else, so
+// readers never wait behind work; libstdc++'s atomic shared_ptr would do as well, but ThreadSanitizer
+// misreads its lock bit.
+class SnapshotCell {
+public:
+    std::shared_ptr<const Model> load() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return model_;
+    }
+    void store(std::shared_ptr<const Model> model)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        model_.swap(model);
+    }  // the old snapshot, if this was its last holder, goes here, outside the lock
+
+private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<const Model> model_;
+};
+
 } // namespace JACK
 
 struct VelmorJACKMIDIService::State {
@@ -156,7 +177,7 @@ struct VelmorJACKMIDIService::State {
     std::map<MIDIPortRef, OutputPort> outputPorts;
     unsigned nextPortNumber = 1;
     std::vector<std::size_t> pendingReleases;  // slots to release once the mutex is let go
-    std::atomic<std::shared_ptr<const JACK::Model>> snapshot;
+    JACK::SnapshotCell snapshot;
 
     // --- Deliveries to the service thread (guarded by mutex) ---------------------------------------------
     struct Delivery {

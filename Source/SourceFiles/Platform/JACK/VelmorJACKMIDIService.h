@@ -27,7 +27,8 @@
 //   may be given its own ID (kMIDIIDNotUnique if another object has it).
 // - Other string properties (the endpoint identifier) of our own virtual sources are kept as JACK
 //   metadata on the port under urn:velmor:property:<name>, where another Velmor process reads them.
-// - Reads answer from an immutable snapshot of the model, swapped whole when something changes. A
+// - Reads answer from an immutable snapshot of the model, swapped whole when something changes (a
+//   lock guards the swap of the pointer only, so a read never waits behind work). A
 //   MIDIGetNumberOfSources (or ...Destinations) takes the snapshot that the MIDIGetSource (or
 //   ...Destination) calls of the same thread then answer from, so that one pass sees one list.
 //

@@ -32,7 +32,7 @@ thread_local Pass sourcesPass;
 thread_local Pass destinationsPass;
 
 std::shared_ptr<const JACK::Model> passModel(Pass& pass, const void* owner,
-                                             const std::atomic<std::shared_ptr<const JACK::Model>>& snapshot)
+                                             const JACK::SnapshotCell& snapshot)
 {
     if (pass.owner == owner && pass.model)
         return pass.model;
