@@ -9,6 +9,7 @@
 #   VM_JOB=name[,name...]                   the jobs to run, in this order, in one boot (default: suite)
 #   VM_JOB_ENV="NAME=value ..."             variables for the jobs (no spaces inside a value)
 #   VM_SMP=n, VM_MEM=MB                     CPUs (default 1) and memory (default 512) of the VM
+#   VM_NICE=n                               qemu's nice value (benchmarks: -10 keeps builds from starving it)
 #   WORK=dir, VM_ACCEL=kvm                  where to build (default build-alsa-vm/), qemu's accelerator
 #   VM_SANITIZE=address|thread              the programs under AddressSanitizer+UBSan or TSan
 set -euo pipefail
@@ -190,13 +191,13 @@ boot() {
     t0=$(t)
     local append="console=ttyS0 quiet panic=-1 velmor_jobs=$(echo $JOBS | tr ' ' ',')" kv
     for kv in $VM_JOB_ENV; do append+=" velmor_env=$kv"; done
-    log "booting ($accel, $VM_SMP CPU, jobs: $JOBS), console log: $WORK/console.log"
-    timeout --kill-after=10 "$BOOT_TIMEOUT" qemu-system-x86_64 \
+    log "booting ($accel, $VM_SMP CPU, jobs: $JOBS; host load $(cut -d' ' -f1-3 /proc/loadavg)), console log: $WORK/console.log"
+    timeout --kill-after=10 "$BOOT_TIMEOUT" nice -n "${VM_NICE:-0}" qemu-system-x86_64 \
         -accel "$accel" -m "$VM_MEM" -smp "$VM_SMP" -nic none \
         -kernel "$WORK/kernel.img" -initrd "$WORK/initramfs.cpio.gz" \
         -append "$append" \
         -nographic -no-reboot </dev/null | tr -d '\r' | tee "$WORK/console.log" || rc=$?
-    log "qemu status $rc, VM wall time $(elapsed "$t0") s, total $(elapsed "$T0") s"
+    log "qemu status $rc, VM wall time $(elapsed "$t0") s, total $(elapsed "$T0") s, host load $(cut -d' ' -f1-3 /proc/loadavg)"
     local job failed=()
     for job in $JOBS; do
         if grep -aq "^VELMOR-VM-JOB: $job PASS" "$WORK/console.log"; then log "PASS: job $job"
