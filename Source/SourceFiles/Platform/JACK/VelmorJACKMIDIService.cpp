@@ -169,7 +169,7 @@ void VelmorJACKMIDIService::State::measureClocks()
     }
     // A window that a busy machine stretched says little: keep the last good distance for a while.
     const auto now = std::chrono::steady_clock::now();
-    if (best > 50 && clockMeasured && now - clockMeasuredAt < std::chrono::seconds(30))
+    if (best > 200 && clockMeasured && now - clockMeasuredAt < std::chrono::seconds(1))
         return;
     clockOffsetMicros.store(offset, std::memory_order_relaxed);
     clockMeasured = true;
@@ -323,7 +323,8 @@ void VelmorJACKMIDIService::State::run()
     auto lastMeasure = std::chrono::steady_clock::now();
     std::vector<std::chrono::steady_clock::time_point> followUps;
     while (!stopping) {
-        if (std::chrono::steady_clock::now() - lastMeasure > std::chrono::seconds(1)) {
+        // JACK's clock follows its cycles: when they run late it drifts from the host clock.
+        if (std::chrono::steady_clock::now() - lastMeasure > std::chrono::milliseconds(100)) {
             measureClocks();
             lastMeasure = std::chrono::steady_clock::now();
         }
