@@ -28,7 +28,9 @@ cmake -S "$here/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -
 cmake --build "$work/cmake-build" -j2 >/dev/null
 LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer-shared"
 "$work/cmake-build/consumer-static"
-ldd "$work/cmake-build/consumer-shared" | grep -q "libvelmor.so.0 => $libdir" \
+# Not `ldd | grep -q`: under pipefail, grep leaving early can fail the pipe with SIGPIPE.
+linked="$(ldd "$work/cmake-build/consumer-shared")"
+grep -q "libvelmor.so.0 => $libdir" <<<"$linked" \
   || { echo "FAIL: consumer-shared does not use the installed libvelmor.so.0"; exit 1; }
 
 echo "== pkg-config velmor"
