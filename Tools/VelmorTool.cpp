@@ -257,13 +257,16 @@ void chooseService(const std::string& service, VelmorToolIO& io, bool quiet)
     } else if (service == "alsa") {
         if (!VelmorPlatform::useALSAService())
             fail("the ALSA sequencer cannot be opened (no /dev/snd/seq, no permission, or built without libasound)");
+    } else if (service == "jack") {
+        if (!VelmorPlatform::useJACKService("velmor"))
+            fail("no JACK server answers (or built without libjack)");
     } else if (service == "system") {
         // Without a sequencer device there is nothing to probe (and libasound would complain of it).
         const bool sequencer = access("/dev/snd/seq", F_OK) == 0;
         if ((!sequencer || !VelmorPlatform::useSystemServiceIfAvailable()) && !quiet)
             io.err << "velmor: no system MIDI service here; using the in-process service, which starts empty\n";
     } else {
-        usage("--service: unknown service \"" + service + "\" (in-process, alsa)");
+        usage("--service: unknown service \"" + service + "\" (in-process, alsa, jack)");
     }
 }
 
@@ -280,7 +283,8 @@ int velmorToolRun(const std::vector<std::string>& arguments, VelmorToolIO& io)
     std::string service = "system";
     bool verbose = false;
     app.add_option("--service", service,
-                   "MIDI service: system (the ALSA sequencer where there is one, else in-process), in-process, alsa");
+                   "MIDI service: system (the ALSA sequencer where there is one, else in-process), in-process, alsa, "
+                   "jack (a running JACK server)");
     app.add_flag("--verbose", verbose, "also write the framework's own lines (endpoints made and removed)");
 
     bool listJSON = false;

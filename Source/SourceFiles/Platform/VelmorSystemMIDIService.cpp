@@ -2,8 +2,13 @@
 
 #include "VelmorMIDIServices.h"
 
+#include <vector>
+
 #ifdef VELMOR_HAVE_ALSA
 #include "VelmorALSAMIDIService.h"
+#endif
+#ifdef VELMOR_HAVE_JACK
+#include "VelmorJACKMIDIService.h"
 #endif
 
 namespace VelmorPlatform {
@@ -15,6 +20,23 @@ bool useALSAService()
         setCurrentService(std::move(service));
         return true;
     }
+#endif
+    return false;
+}
+
+bool useJACKService(const char* clientName)
+{
+#ifdef VELMOR_HAVE_JACK
+    if (auto service = VelmorJACKMIDIService::create(clientName ? clientName : "Velmor")) {
+        // The current service outlives static destruction: globals of the application may still call
+        // it on their way out. Its JACK client is closed at exit, before static objects go.
+        static auto* keeper = new std::vector<std::shared_ptr<VelmorMIDIService>>;
+        keeper->push_back(service);
+        setCurrentService(std::move(service));
+        return true;
+    }
+#else
+    (void)clientName;
 #endif
     return false;
 }

@@ -9,6 +9,10 @@ namespace VelmorPlatform {
 // Makes the ALSA sequencer service current. False, with the current service unchanged, when this build
 // has no ALSA support or the sequencer cannot be opened (no /dev/snd/seq, no permission).
 bool useALSAService();
+// Makes the JACK service current, as a JACK client named `clientName` of the default JACK server (or
+// $JACK_DEFAULT_SERVER). False, with the current service unchanged, when this build has no JACK
+// support or no JACK server answers; it never starts a server.
+bool useJACKService(const char* clientName = "Velmor");
 // The system's service where there is one, else the in-process service. True when the system's service
 // is now current.
 bool useSystemServiceIfAvailable();
