@@ -16,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -254,6 +255,213 @@ struct LatencyProbe {
     }
 };
 
+// --- Bursts: what piles up while the service thread is busy ----------------------------------------
+// A read procedure on a "gate" source holds the service thread, so that what another program sends
+// meanwhile waits in the sequencer and is taken in one go. What arrives must be what was sent: split
+// exclusive messages joined, a real-time byte between their pieces on its own, an exclusive message cut
+// short kept apart from the note that cut it; and an overrun must be reported, not swallowed.
+struct BurstProbe {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool gateArmed = false, gateHeld = false;
+    std::vector<std::vector<std::vector<std::uint8_t>>> lists;  // per list, its packets' bytes
+    std::vector<MIDIInputDroppedNotification> dropped;
+
+    static void gateReadProc(const MIDIPacketList*, void* refCon, void*)
+    {
+        auto* probe = static_cast<BurstProbe*>(refCon);
+        std::unique_lock<std::mutex> lock(probe->mutex);
+        if (!probe->gateArmed)
+            return;
+        probe->gateHeld = true;
+        probe->changed.notify_all();
+        probe->changed.wait_for(lock, 5s, [&] { return !probe->gateArmed; });
+        probe->gateHeld = false;
+    }
+    static void recordReadProc(const MIDIPacketList* list, void* refCon, void*)
+    {
+        auto* probe = static_cast<BurstProbe*>(refCon);
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(list);
+        std::uint32_t count = 0;
+        std::memcpy(&count, bytes, 4);
+        std::vector<std::vector<std::uint8_t>> packets;
+        for (std::size_t i = 0, at = 4; i < count; ++i) {
+            std::uint16_t length = 0;
+            std::memcpy(&length, bytes + at + 8, 2);
+            packets.emplace_back(bytes + at + 10, bytes + at + 10 + length);
+            at += 10 + length;
+        }
+        std::lock_guard<std::mutex> lock(probe->mutex);
+        probe->lists.push_back(std::move(packets));
+        probe->changed.notify_all();
+    }
+    static void notifyProc(const MIDINotification* message, void* refCon)
+    {
+        if (message->messageID != kMIDIMsgVelmorInputDropped)
+            return;
+        auto* probe = static_cast<BurstProbe*>(refCon);
+        std::lock_guard<std::mutex> lock(probe->mutex);
+        probe->dropped.push_back(*reinterpret_cast<const MIDIInputDroppedNotification*>(message));
+    }
+    // Holds the service thread in the gate's read procedure, once `send` has sent a note to the gate.
+    bool close(const std::function<void()>& sendToGate)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        gateArmed = true;
+        lock.unlock();
+        sendToGate();
+        lock.lock();
+        return changed.wait_for(lock, 3s, [&] { return gateHeld; });
+    }
+    void open()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        gateArmed = false;
+        changed.notify_all();
+    }
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        lists.clear();
+    }
+    std::vector<std::vector<std::uint8_t>> packets()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<std::vector<std::uint8_t>> all;
+        for (auto& list : lists)
+            all.insert(all.end(), list.begin(), list.end());
+        return all;
+    }
+};
+
+std::string hexOf(const std::vector<std::vector<std::uint8_t>>& packets)
+{
+    std::string text;
+    char buffer[4];
+    for (auto& packet : packets) {
+        text += "[";
+        for (std::size_t i = 0; i < packet.size(); ++i) {
+            std::snprintf(buffer, sizeof buffer, "%02X", packet[i]);
+            text += (i ? " " : "") + std::string(buffer);
+        }
+        text += "] ";
+    }
+    return text;
+}
+
+void checkBursts(VelmorManager& manager, VelmorALSAMIDIService& alsa)
+{
+    snd_seq_t* sender = nullptr;
+    if (snd_seq_open(&sender, "default", SND_SEQ_OPEN_OUTPUT, 0) < 0) {
+        check(false, "a sending program opens the sequencer");
+        return;
+    }
+    snd_seq_set_client_name(sender, "Burst Sender");
+    const unsigned caps = SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ;
+    const unsigned type = SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION;
+    const int gatePort = snd_seq_create_simple_port(sender, "Burst Gate", caps, type);
+    const int outPort = snd_seq_create_simple_port(sender, "Burst Out", caps, type);
+    auto send = [&](int port, auto fill) {
+        snd_seq_event_t event;
+        snd_seq_ev_clear(&event);
+        fill(event);
+        snd_seq_ev_set_source(&event, port);
+        snd_seq_ev_set_subs(&event);
+        snd_seq_ev_set_direct(&event);
+        snd_seq_event_output_direct(sender, &event);
+    };
+    auto note = [&](int port, int key) { send(port, [&](snd_seq_event_t& e) { snd_seq_ev_set_noteon(&e, 0, key, 64); }); };
+    std::vector<std::vector<std::uint8_t>> pieces;
+    auto exclusive = [&](std::vector<std::uint8_t> bytes) {
+        pieces.push_back(std::move(bytes));
+        auto& kept = pieces.back();
+        send(outPort, [&](snd_seq_event_t& e) { snd_seq_ev_set_sysex(&e, unsigned(kept.size()), kept.data()); });
+    };
+    serveUntil([&] { return sourceNamed(manager, "Burst Out") && sourceNamed(manager, "Burst Gate"); }, 3000ms);
+    auto gate = sourceNamed(manager, "Burst Gate");
+    auto out = sourceNamed(manager, "Burst Out");
+    check(gate && out, "a sending program's two ports are sources");
+    BurstProbe probe;
+    MIDIClientRef client = 0;
+    MIDIPortRef gateInput = 0, recordInput = 0;
+    MIDIClientCreate("Burst Probe", &BurstProbe::notifyProc, &probe, &client);
+    MIDIInputPortCreate(client, "Burst Gate In", &BurstProbe::gateReadProc, &probe, &gateInput);
+    MIDIInputPortCreate(client, "Burst Record", &BurstProbe::recordReadProc, &probe, &recordInput);
+    auto consumer = std::make_shared<Consumer>();
+    if (gate && out && MIDIPortConnectSource(gateInput, gate->object(), nullptr) == noErr &&
+        MIDIPortConnectSource(recordInput, out->object(), nullptr) == noErr) {
+        out->addConsumer(consumer);
+
+        // One burst of split, interleaved and cut-short messages.
+        const bool held = probe.close([&] { note(gatePort, 1); });
+        check(held, "a read procedure holds the service thread");
+        exclusive({0xF0, 0x01, 0x02});
+        send(outPort, [](snd_seq_event_t& e) { e.type = SND_SEQ_EVENT_CLOCK; });
+        exclusive({0x03, 0xF7});
+        note(outPort, 60);
+        exclusive({0xF0, 0x05, 0x06});  // cut short by the next note
+        note(outPort, 61);
+        send(outPort, [](snd_seq_event_t& e) { snd_seq_ev_set_controller(&e, 0, 7, 100); });
+        probe.open();
+        alsa.waitUntilIdle();
+        const std::vector<std::vector<std::uint8_t>> expected {
+            {0xF8}, {0xF0, 0x01, 0x02, 0x03, 0xF7}, {0x90, 60, 64}, {0xF0, 0x05, 0x06}, {0x90, 61, 64}, {0xB0, 7, 100}};
+        const auto got = probe.packets();
+        check(got == expected, "a burst arrives in order: exclusive pieces joined, real-time and cut-short kept apart",
+              hexOf(got));
+        bool apart = true;  // the framework joins a packet that ends inside a message with the next one of its list
+        std::size_t lists = 0;
+        {
+            std::lock_guard<std::mutex> lock(probe.mutex);
+            lists = probe.lists.size();
+            for (auto& list : probe.lists)
+                for (std::size_t i = 0; i + 1 < list.size(); ++i)
+                    apart &= list[i] != std::vector<std::uint8_t> {0xF0, 0x05, 0x06};
+        }
+        check(apart, "an exclusive message cut short ends its packet list");
+        check(lists < got.size(), "a burst comes in fewer packet lists than messages", std::to_string(lists) + " lists");
+        serveUntil([&] { return consumer->events.size() >= 5; }, 2000ms);
+        serveUntil([] { return false; }, 100ms);
+        std::string types;
+        for (auto& event : consumer->events)
+            types += hexOf({bytesOf(event)});
+        const auto& events = consumer->events;
+        const bool typed = events.size() >= 5 && events[0]->type() == VelmorEventTypeSystem &&
+                           bytesOf(events[1]) == expected[1] && events[2]->note() == 60 &&
+                           std::any_of(events.begin(), events.end(),
+                                       [](auto& e) { return e->type() == VelmorEventTypeNoteOn && e->note() == 61; }) &&
+                           events.back()->type() == VelmorEventTypeControlChange;
+        check(typed, "the consumer gets the burst as events, the note after a cut-short exclusive message too", types);
+
+        // An overrun: far more than the sequencer keeps for this client while the thread is held.
+        probe.clear();
+        check(probe.close([&] { note(gatePort, 2); }), "a read procedure holds the service thread again");
+        for (int i = 0; i < 5000; ++i)
+            note(outPort, i % 128);
+        probe.open();
+        alsa.waitUntilIdle();
+        bool reported = false;
+        {
+            std::lock_guard<std::mutex> lock(probe.mutex);
+            for (auto& record : probe.dropped)
+                reported |= record.port == recordInput && record.source == 0 &&
+                            record.messageSize == sizeof(MIDIInputDroppedNotification);
+        }
+        check(reported, "an input overrun reaches the input port's client as a dropped-input record",
+              std::to_string(probe.dropped.size()) + " records");
+        probe.clear();
+        note(outPort, 99);
+        alsa.waitUntilIdle();
+        const auto after = probe.packets();
+        check(!after.empty() && after.back() == std::vector<std::uint8_t> {0x90, 99, 64},
+              "input goes on after an overrun", hexOf(after));
+        out->removeConsumer(consumer);
+    }
+    MIDIClientDispose(client);
+    snd_seq_close(sender);
+    serveUntil([&] { return sourceNamed(manager, "Burst Out") == nullptr; }, 3000ms);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -474,6 +682,8 @@ int main(int argc, char** argv)
         check(recorder.hasInOrder({"VelmorManager_WillRemoveSource Other Renamed", "VelmorManager_DidRemoveSource"}),
               "a program that quits removes its source", recorder.joined());
     }
+
+    checkBursts(*manager, *alsa);
 
     // --- Timed sending, and the round trip of a note through the sequencer ----------------------------
     const MIDIEndpointRef throughDestination = destinationNamed("Midi Through Port-0");

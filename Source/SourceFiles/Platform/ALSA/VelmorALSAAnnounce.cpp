@@ -23,6 +23,46 @@ void VelmorALSAMIDIService::State::notifyProperty(MIDIObjectRef object, MIDIObje
 
 // --- What the sequencer announces -------------------------------------------------------------------
 
+// After an overrun announcements may have been lost too: compare the model with what the sequencer
+// lists now, and add and remove what differs as the announcements would have.
+void VelmorALSAMIDIService::State::resync()
+{
+    std::vector<int> clientNumbers;
+    {
+        std::lock_guard<std::mutex> lock(seqMutex);
+        snd_seq_client_info_t* info = nullptr;
+        snd_seq_client_info_alloca(&info);
+        snd_seq_client_info_set_client(info, -1);
+        while (snd_seq_query_next_client(seq, info) >= 0)
+            clientNumbers.push_back(snd_seq_client_info_get_client(info));
+    }
+    std::set<Address> listed;
+    for (int number : clientNumbers) {
+        if (number == SND_SEQ_CLIENT_SYSTEM || number == myClient)
+            continue;
+        auto facts = queryClient(number);
+        if (!facts)
+            continue;
+        auto portList = queryPorts(number);
+        std::lock_guard<std::mutex> lock(mutex);
+        updateClient(number, *facts);
+        for (auto& [address, portFacts] : portList) {
+            listed.insert(address);
+            if (ports.count(address))
+                updatePort(address, portFacts);
+            else
+                addPort(address, portFacts, *facts, false, 0);
+        }
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<Address> gone;
+    for (auto& [address, port] : ports)
+        if (!port.own && !listed.count(address))
+            gone.push_back(address);
+    for (const Address& address : gone)
+        removePort(address);
+}
+
 void VelmorALSAMIDIService::State::handleAnnouncement(const snd_seq_event_t& event)
 {
     const Address address {event.data.addr.client, event.data.addr.port};

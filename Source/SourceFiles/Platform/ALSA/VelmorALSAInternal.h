@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cerrno>
@@ -23,6 +24,8 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -61,6 +64,15 @@ inline constexpr std::size_t kMaxPacketBytes = 65535;
 inline constexpr int kRescanMs = 250;
 // An exclusive message that never ends is handed on in pieces of this size rather than kept forever.
 inline constexpr std::size_t kMaxPendingExclusive = std::size_t(16) << 20;
+// A packet list handed to a read procedure is closed once it holds this many bytes, so that one burst
+// becomes a few lists of moderate size rather than one huge one.
+inline constexpr std::size_t kListBytes = std::size_t(16) << 10;
+
+inline std::uint64_t subscriptionKey(int seqPort, Address address)
+{
+    return (std::uint64_t(std::uint32_t(seqPort)) << 32) | (std::uint64_t(std::uint16_t(address.first)) << 16) |
+           std::uint16_t(address.second);
+}
 
 // What the sequencer tells about one port.
 struct PortFacts {
@@ -76,25 +88,6 @@ struct ClientFacts {
     std::optional<std::string> manufacturer;
     std::optional<std::string> model;
 };
-
-inline std::vector<std::uint8_t> packetListImage(const std::vector<std::uint8_t>& bytes, MIDITimeStamp timeStamp)
-{
-    const std::size_t packets = std::max<std::size_t>(1, (bytes.size() + kMaxPacketBytes - 1) / kMaxPacketBytes);
-    std::vector<std::uint8_t> image(4 + packets * 10 + bytes.size());
-    const auto count = std::uint32_t(packets);
-    std::memcpy(image.data(), &count, 4);
-    std::size_t at = 4;
-    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
-        const auto length = std::uint16_t(std::min(kMaxPacketBytes, bytes.size() - offset));
-        std::memcpy(image.data() + at, &timeStamp, 8);
-        std::memcpy(image.data() + at + 8, &length, 2);
-        if (length)
-            std::memcpy(image.data() + at + 10, bytes.data() + offset, length);
-        at += 10 + length;
-        offset += length;
-    }
-    return image;
-}
 
 // The sound card behind a kernel client, as the kernel lists it in /proc/asound/cards:
 //  " 1 [MIDI           ]: USB-Audio - VM USB MIDI"
@@ -202,16 +195,59 @@ struct VelmorALSAMIDIService::State {
 
     // --- Deliveries to the service thread (guarded by mutex) -------------------------------------
     struct Delivery {
-        enum class Kind { Notification, Packets, Marker } kind = Kind::Notification;
+        enum class Kind { Notification, InputDropped, Marker } kind = Kind::Notification;
         MIDIObjectAddRemoveNotification addRemove {};
         MIDIObjectPropertyChangeNotification property {};
+        MIDIInputDroppedNotification dropped {};
         std::string propertyName;
-        MIDIPortRef port = 0;
-        MIDIEndpointRef source = 0;
-        std::vector<std::uint8_t> image;
         std::uint64_t marker = 0;
     };
     std::deque<Delivery> deliveries;
+
+    // --- Receiving (service thread only) ---------------------------------------------------------
+    // What one wake-up took from the sequencer: the events, and their variable-length data copied
+    // behind each other (dataAt[i] is event i's offset there). Reused, so that a steady stream
+    // allocates nothing.
+    std::vector<snd_seq_event_t> burst;
+    std::vector<std::size_t> dataAt;
+    std::vector<std::uint8_t> burstData;
+    // Packet-list images on their way to read procedures: one per connection and burst, in the
+    // order of their first events. `listsUsed` of them are filled; the rest keep their buffers for
+    // the next burst.
+    struct OutgoingList {
+        MIDIPortRef port = 0;
+        MIDIEndpointRef source = 0;
+        std::uint32_t count = 0;
+        bool open = false;  // may take more packets
+        std::vector<std::uint8_t> image;
+    };
+    std::vector<OutgoingList> lists;
+    std::size_t listsUsed = 0;
+    std::uint64_t overruns = 0;
+
+    // --- Sending -----------------------------------------------------------------------------------
+    // What send() and received() need, as an immutable table that they read without the service
+    // mutex. Rebuilt under the mutex when a look-up misses or after something was removed.
+    struct SendTable {
+        struct Entry {
+            MIDIObjectType type = kMIDIObjectType_Other;
+            Address address {-1, -1};
+            int outputSeqPort = -1;  // an output port: its sequencer port
+            bool ownSource = false;  // a virtual source of ours
+        };
+        std::unordered_map<MIDIObjectRef, Entry> objects;
+        std::unordered_set<std::uint64_t> subscribed;  // subscriptionKey(output port's seqPort, address)
+    };
+    std::atomic<std::shared_ptr<const SendTable>> sendTable;
+    std::atomic<bool> sendTableStale {true};
+    // Coders for send(), each taken by one sender at a time; a sender that finds them all busy makes
+    // its own for the call.
+    struct Coder {
+        std::atomic<bool> busy {false};
+        snd_midi_event_t* coder = nullptr;
+    };
+    std::array<Coder, 4> coders;
+    std::vector<pollfd> outputDescriptors;  // for waiting on a full output pool
 
     // --- The sequencer (handle calls guarded by seqMutex) -----------------------------------------
     std::mutex seqMutex;
@@ -234,6 +270,7 @@ struct VelmorALSAMIDIService::State {
     std::uint64_t markersHandled = 0;  // guarded by markerMutex
 
     snd_midi_event_t* decoder = nullptr;  // service thread only
+    std::vector<pollfd> inputDescriptors;  // service thread only: wake-up descriptor, then the sequencer's
 
     ~State();
     bool open();
@@ -253,6 +290,8 @@ struct VelmorALSAMIDIService::State {
     MIDITimeStamp hostTimeOf(const snd_seq_event_t& event) const;
     bool scheduleTime(MIDITimeStamp timeStamp, snd_seq_real_time_t* out) const;
     int output(snd_seq_event_t& event);
+    std::shared_ptr<const SendTable> currentSendTable();
+    std::shared_ptr<const SendTable> rebuildSendTable();  // caller holds mutex
 
     // Model changes (caller holds mutex); notifications queue deliveries.
     MIDIObjectRef newObject(MIDIObjectType type, Address address, std::int32_t wantedID);
@@ -273,9 +312,16 @@ struct VelmorALSAMIDIService::State {
     void handleAnnouncement(const snd_seq_event_t& event);
     void updateClient(int client, const ClientFacts& facts);
     void rescan();
-    void handleMIDI(const snd_seq_event_t& event, std::vector<std::uint8_t>& bytes);
+    void resync();
+    void takeBurst();
+    void handleMIDI(const snd_seq_event_t& event, const std::uint8_t* data, std::unique_lock<std::mutex>& lock);
+    void appendMessage(MIDIPortRef port, MIDIEndpointRef source, const std::uint8_t* bytes, std::size_t length,
+                       MIDITimeStamp timeStamp);
+    void deliverLists();
+    void reportOverrun();
     void dispatch();
     void enumerate();
 };
+
 
 } // namespace VelmorPlatform

@@ -12,6 +12,9 @@ VelmorALSAMIDIService::State::~State()
         thread.join();
     if (decoder)
         snd_midi_event_free(decoder);
+    for (Coder& coder : coders)
+        if (coder.coder)
+            snd_midi_event_free(coder.coder);
     if (seq)
         snd_seq_close(seq);
     if (wakeFd >= 0)
@@ -76,6 +79,15 @@ bool VelmorALSAMIDIService::State::open()
         return false;
     }
     snd_midi_event_no_status(decoder, 1);
+    for (Coder& coder : coders)
+        if ((error = snd_midi_event_new(256, &coder.coder)) < 0) {
+            reportFailure("snd_midi_event_new", error);
+            return false;
+        }
+    outputDescriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLOUT)));
+    snd_seq_poll_descriptors(seq, outputDescriptors.data(), unsigned(outputDescriptors.size()), POLLOUT);
+    inputDescriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLIN)) + 1);
+    snd_seq_poll_descriptors(seq, inputDescriptors.data() + 1, unsigned(inputDescriptors.size() - 1), POLLIN);
     wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeFd < 0) {
         std::fprintf(stderr, "VelmorALSAMIDIService: eventfd failed: %s\n", std::strerror(errno));
@@ -91,70 +103,66 @@ bool VelmorALSAMIDIService::State::open()
 void VelmorALSAMIDIService::State::run()
 {
     threadID = std::this_thread::get_id();
-    std::vector<pollfd> descriptors;
-    std::vector<std::pair<snd_seq_event_t, std::vector<std::uint8_t>>> events;
-    std::vector<std::uint8_t> bytes;
     auto lastRescan = std::chrono::steady_clock::now();
     while (!stopping) {
-        {
-            std::lock_guard<std::mutex> lock(seqMutex);
-            descriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLIN)) + 1);
-            snd_seq_poll_descriptors(seq, descriptors.data() + 1, unsigned(descriptors.size() - 1), POLLIN);
-        }
-        descriptors[0] = pollfd {wakeFd, POLLIN, 0};
+        inputDescriptors[0] = pollfd {wakeFd, POLLIN, 0};
         bool pending = false;
         {
             std::lock_guard<std::mutex> lock(mutex);
             pending = !deliveries.empty();
         }
-        if (!pending)
-            poll(descriptors.data(), descriptors.size(), kRescanMs);
-        std::uint64_t count = 0;
-        [[maybe_unused]] auto got = read(wakeFd, &count, sizeof count);
+        if (!pending && poll(inputDescriptors.data(), inputDescriptors.size(), kRescanMs) > 0 &&
+            (inputDescriptors[0].revents & POLLIN)) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] auto got = read(wakeFd, &count, sizeof count);
+        }
         if (stopping)
             break;
 
-        // Take what the sequencer has, copying variable-length data out of its buffer.
-        events.clear();
-        {
-            std::lock_guard<std::mutex> lock(seqMutex);
-            for (;;) {
-                snd_seq_event_t* event = nullptr;
-                const int result = snd_seq_event_input(seq, &event);
-                if (result == -ENOSPC) {
-                    std::fprintf(stderr, "VelmorALSAMIDIService: input overrun, events lost\n");
-                    continue;
-                }
-                if (result < 0 || !event)
-                    break;
-                std::vector<std::uint8_t> data;
-                if (snd_seq_ev_is_variable(event) && event->data.ext.len)
-                    data.assign(static_cast<const std::uint8_t*>(event->data.ext.ptr),
-                                static_cast<const std::uint8_t*>(event->data.ext.ptr) + event->data.ext.len);
-                events.emplace_back(*event, std::move(data));
-                if (snd_seq_event_input_pending(seq, 0) == 0)
-                    break;
+        takeBurst();
+        dispatch();  // what was queued before this burst goes first
+        std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+        for (std::size_t i = 0; i < burst.size(); ++i) {
+            snd_seq_event_t& event = burst[i];
+            const bool announcement = event.source.client == SND_SEQ_CLIENT_SYSTEM && event.dest.port == announcePort;
+            const bool marker = event.type == SND_SEQ_EVENT_ECHO && event.source.client == myClient;
+            if (!announcement && !marker) {
+                handleMIDI(event, burstData.data() + dataAt[i], lock);
+                continue;
             }
-        }
-        for (auto& [event, data] : events) {
+            // What came before this event is handed on before what it causes.
+            if (lock.owns_lock())
+                lock.unlock();
+            deliverLists();
             if (snd_seq_ev_is_variable(&event))
-                event.data.ext.ptr = data.data();
-            if (event.source.client == SND_SEQ_CLIENT_SYSTEM && event.dest.port == announcePort)
+                event.data.ext.ptr = burstData.data() + dataAt[i];
+            if (announcement) {
                 handleAnnouncement(event);
-            else if (event.type == SND_SEQ_EVENT_ECHO && event.source.client == myClient) {
-                std::lock_guard<std::mutex> lock(mutex);
-                Delivery marker;
-                marker.kind = Delivery::Kind::Marker;
-                marker.marker = event.data.raw32.d[0];
-                deliveries.push_back(std::move(marker));
-            } else
-                handleMIDI(event, bytes);
+            } else {
+                std::lock_guard<std::mutex> markerLock(mutex);
+                Delivery delivery;
+                delivery.kind = Delivery::Kind::Marker;
+                delivery.marker = event.data.raw32.d[0];
+                deliveries.push_back(std::move(delivery));
+            }
+            dispatch();
+        }
+        if (lock.owns_lock())
+            lock.unlock();
+        deliverLists();
+        if (overruns) {
+            reportOverrun();
+            overruns = 0;
+            resync();
         }
         if (std::chrono::steady_clock::now() - lastRescan >= std::chrono::milliseconds(kRescanMs)) {
             rescan();
             lastRescan = std::chrono::steady_clock::now();
         }
         dispatch();
+        // A burst of a huge exclusive message leaves big buffers behind: don't keep them for good.
+        if (burstData.capacity() > (std::size_t(1) << 20))
+            std::vector<std::uint8_t>().swap(burstData);
     }
 }
 
@@ -257,6 +265,7 @@ OSStatus VelmorALSAMIDIService::clientDispose(MIDIClientRef client)
         std::lock_guard<std::mutex> lock(state.mutex);
         state.clients.erase(client);
         state.objects.erase(client);
+        state.sendTableStale.store(true, std::memory_order_release);
     }
     state.waitForCallbacks();
     return noErr;
@@ -422,6 +431,7 @@ OSStatus VelmorALSAMIDIService::portDispose(MIDIPortRef port)
             return state.objects.count(port) ? kMIDIInvalidPort : kMIDIParamErr;
         }
         state.objects.erase(port);
+        state.sendTableStale.store(true, std::memory_order_release);
     }
     {
         // Deleting the port ends its subscriptions too.

@@ -75,6 +75,7 @@ void VelmorALSAMIDIService::State::forgetObject(MIDIObjectRef ref)
         return;
     usedIDs.erase(it->second.uniqueID);
     objects.erase(it);
+    sendTableStale.store(true, std::memory_order_release);
 }
 
 std::uint32_t VelmorALSAMIDIService::State::portHash(const Port& port, const ClientFacts& client) const

@@ -14,20 +14,119 @@ MIDITimeStamp VelmorALSAMIDIService::State::hostTimeOf(const snd_seq_event_t& ev
     return AudioGetCurrentHostTime();
 }
 
-void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, std::vector<std::uint8_t>& bytes)
+// Takes everything the sequencer has ready, in one read where it can, copying it out of libasound's
+// buffer so that the handle is free again at once.
+void VelmorALSAMIDIService::State::takeBurst()
 {
-    // libasound's coder turns the event back into bytes; what isn't MIDI (subscription notices) fails here.
-    const std::size_t room = snd_seq_ev_is_variable(&event) ? event.data.ext.len + 16 : 16;
-    bytes.resize(room);
-    snd_seq_event_t copy = event;
-    snd_midi_event_reset_decode(decoder);
-    const long length = snd_midi_event_decode(decoder, bytes.data(), long(room), &copy);
-    if (length <= 0)
-        return;
-    bytes.resize(std::size_t(length));
+    burst.clear();
+    dataAt.clear();
+    burstData.clear();
+    std::lock_guard<std::mutex> lock(seqMutex);
+    for (;;) {
+        snd_seq_event_t* event = nullptr;
+        const int result = snd_seq_event_input(seq, &event);
+        if (result == -ENOSPC) {
+            // The kernel's queue for this client overflowed and was emptied: events are lost.
+            ++overruns;
+            continue;
+        }
+        if (result < 0 || !event)
+            break;
+        burst.push_back(*event);
+        dataAt.push_back(burstData.size());
+        if (snd_seq_ev_is_variable(event) && event->data.ext.len) {
+            const auto* data = static_cast<const std::uint8_t*>(event->data.ext.ptr);
+            burstData.insert(burstData.end(), data, data + event->data.ext.len);
+        }
+        if (snd_seq_event_input_pending(seq, 0) == 0)
+            break;
+    }
+}
+
+namespace {
+
+// The length of the message at `data` as the framework cuts a packet: channel messages by their
+// status, anything else up to and including the first 0xF7, or to the end.
+std::size_t cutLength(const std::uint8_t* data, std::size_t length)
+{
+    const std::uint8_t status = data[0];
+    std::size_t wanted = 0;
+    if (status >= 0x80 && status < 0xC0)
+        wanted = 3;
+    else if (status >= 0xC0 && status < 0xE0)
+        wanted = 2;
+    else if (status >= 0xE0 && status < 0xF0)
+        wanted = 3;
+    else {
+        const void* end = std::memchr(data, 0xF7, length);
+        wanted = end ? std::size_t(static_cast<const std::uint8_t*>(end) - data) + 1 : length;
+    }
+    return std::min(wanted, length);
+}
+
+// True when the framework would join the next packet of the same list onto this one: its last
+// message is cut short (a channel or system common message without all its bytes, or an exclusive
+// message without its 0xF7).
+bool endsInsideMessage(const std::uint8_t* data, std::size_t length)
+{
+    std::size_t last = 0;
+    for (std::size_t at = 0; at < length; at += cutLength(data + at, length - at))
+        last = at;
+    for (std::size_t at = last; at < length;) {
+        const std::uint8_t status = data[at];
+        std::size_t size = 1;
+        if (status >= 0x80 && status < 0xC0)
+            size = 3;
+        else if (status >= 0xC0 && status < 0xE0)
+            size = 2;
+        else if (status >= 0xE0 && status < 0xF0)
+            size = 3;
+        else if (status == 0xF0) {
+            const void* end = at + 1 < length ? std::memchr(data + at + 1, 0xF7, length - at - 1) : nullptr;
+            if (!end)
+                return true;
+            size = std::size_t(static_cast<const std::uint8_t*>(end) - (data + at)) + 1;
+        } else if (status == 0xF1 || status == 0xF3)
+            size = 2;
+        else if (status == 0xF2)
+            size = 3;
+        if (size > length - at)
+            return true;
+        at += size;
+    }
+    return false;
+}
+
+} // namespace
+
+// Routes one MIDI event to its connection and adds its bytes to the list for that connection,
+// joining an exclusive message that the sequencer split into several events. Takes `lock` (the
+// model's mutex) if it isn't held yet and leaves it held, so that a run of events takes it once.
+void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, const std::uint8_t* data,
+                                              std::unique_lock<std::mutex>& lock)
+{
+    // Exclusive bytes are taken as they are (that is all the coder would do); everything else goes
+    // through libasound's coder, which also refuses what isn't MIDI (subscription notices).
+    const bool exclusive = event.type == SND_SEQ_EVENT_SYSEX;
+    std::uint8_t coded[16];
+    const std::uint8_t* bytes = coded;
+    std::size_t length = 0;
+    if (exclusive) {
+        if (!snd_seq_ev_is_variable(&event) || event.data.ext.len == 0)
+            return;
+        bytes = data;
+        length = event.data.ext.len;
+    } else {
+        snd_midi_event_reset_decode(decoder);
+        const long decoded = snd_midi_event_decode(decoder, coded, long(sizeof coded), &event);
+        if (decoded <= 0)
+            return;
+        length = std::size_t(decoded);
+    }
     const MIDITimeStamp timeStamp = hostTimeOf(event);
 
-    std::lock_guard<std::mutex> lock(mutex);
+    if (!lock.owns_lock())
+        lock.lock();
     auto portIt = std::find_if(inputPorts.begin(), inputPorts.end(),
                                [&](const auto& entry) { return entry.second.seqPort == event.dest.port; });
     if (portIt == inputPorts.end())
@@ -38,39 +137,124 @@ void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, std:
     auto connectionIt = portIt->second.connections.find(sourceIt->second.source);
     if (connectionIt == portIt->second.connections.end())
         return;
+    const MIDIPortRef port = portIt->first;
+    const MIDIEndpointRef source = connectionIt->first;
     Connection& connection = connectionIt->second;
-    auto deliver = [&](const std::vector<std::uint8_t>& message, MIDITimeStamp stamp) {
-        Delivery delivery;
-        delivery.kind = Delivery::Kind::Packets;
-        delivery.port = portIt->first;
-        delivery.source = connectionIt->first;
-        delivery.image = packetListImage(message, stamp);
-        deliveries.push_back(std::move(delivery));
-    };
-    const bool exclusive = event.type == SND_SEQ_EVENT_SYSEX;
     auto& pending = connection.pendingExclusive;
     if (!pending.empty()) {
         if (exclusive) {
-            pending.insert(pending.end(), bytes.begin(), bytes.end());
+            pending.insert(pending.end(), bytes, bytes + length);
             if (pending.back() == 0xF7 || pending.size() >= kMaxPendingExclusive) {
-                deliver(pending, connection.pendingTimeStamp);
+                appendMessage(port, source, pending.data(), pending.size(), connection.pendingTimeStamp);
                 pending.clear();
+                if (pending.capacity() > kListBytes)
+                    pending.shrink_to_fit();
             }
             return;
         }
         if (bytes[0] >= 0xF8) {  // real-time messages may come between the pieces
-            deliver(bytes, timeStamp);
+            appendMessage(port, source, bytes, length, timeStamp);
             return;
         }
-        deliver(pending, connection.pendingTimeStamp);  // cut short by another message
+        appendMessage(port, source, pending.data(), pending.size(), connection.pendingTimeStamp);  // cut short
         pending.clear();
     }
-    if (exclusive && bytes[0] == 0xF0 && bytes.back() != 0xF7) {
-        pending = bytes;
+    if (exclusive && bytes[0] == 0xF0 && bytes[length - 1] != 0xF7) {
+        pending.assign(bytes, bytes + length);
         connection.pendingTimeStamp = timeStamp;
         return;
     }
-    deliver(bytes, timeStamp);
+    appendMessage(port, source, bytes, length, timeStamp);
+}
+
+// Adds one message to the list being filled for (port, source), as packets of at most 64 KiB. The
+// connection's next list begins when its list is full, and after a message that the framework would
+// join with the next packet of its list (which separate lists keep apart).
+void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointRef source, const std::uint8_t* bytes,
+                                                 std::size_t length, MIDITimeStamp timeStamp)
+{
+    OutgoingList* list = nullptr;
+    for (std::size_t i = listsUsed; i-- > 0;)
+        if (lists[i].port == port && lists[i].source == source) {
+            if (lists[i].open && lists[i].image.size() + length <= kListBytes)
+                list = &lists[i];
+            break;
+        }
+    if (!list) {
+        if (listsUsed == lists.size())
+            lists.emplace_back();
+        list = &lists[listsUsed++];
+        list->port = port;
+        list->source = source;
+        list->count = 0;
+        list->open = true;
+        list->image.assign(4, 0);
+    }
+    const std::size_t packets = std::max<std::size_t>(1, (length + kMaxPacketBytes - 1) / kMaxPacketBytes);
+    std::size_t at = list->image.size();
+    list->image.resize(at + packets * 10 + length);
+    std::uint8_t* out = list->image.data();
+    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
+        const auto size = std::uint16_t(std::min(kMaxPacketBytes, length - offset));
+        std::memcpy(out + at, &timeStamp, 8);
+        std::memcpy(out + at + 8, &size, 2);
+        if (size)
+            std::memcpy(out + at + 10, bytes + offset, size);
+        at += 10 + size;
+        offset += size;
+    }
+    list->count += std::uint32_t(packets);
+    std::memcpy(out, &list->count, 4);
+    const std::size_t lastSize = length - (packets - 1) * kMaxPacketBytes;
+    if (endsInsideMessage(bytes + length - lastSize, lastSize))
+        list->open = false;
+}
+
+// Hands the filled lists to their read procedures, in order. A connection ended meanwhile gets
+// nothing: its end waits for callbackMutex, so once it has returned no list of it is delivered.
+void VelmorALSAMIDIService::State::deliverLists()
+{
+    for (std::size_t i = 0; i < listsUsed; ++i) {
+        OutgoingList& list = lists[i];
+        std::lock_guard<std::mutex> callbacks(callbackMutex);
+        MIDIReadProc readProc = nullptr;
+        void* readRefCon = nullptr;
+        void* connectionRefCon = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            auto port = inputPorts.find(list.port);
+            if (port == inputPorts.end())
+                continue;
+            auto connection = port->second.connections.find(list.source);
+            if (connection == port->second.connections.end())
+                continue;
+            readProc = port->second.readProc;
+            readRefCon = port->second.refCon;
+            connectionRefCon = connection->second.refCon;
+        }
+        if (readProc)
+            readProc(reinterpret_cast<const MIDIPacketList*>(list.image.data()), readRefCon, connectionRefCon);
+    }
+    for (std::size_t i = 0; i < listsUsed; ++i)
+        if (lists[i].image.capacity() > 4 * kListBytes)
+            std::vector<std::uint8_t>().swap(lists[i].image);  // after a huge exclusive message
+    listsUsed = 0;
+}
+
+// The sequencer lost events on their way to this client, and can't say whose: every input port with
+// a connection hears of it, with no source and no count.
+void VelmorALSAMIDIService::State::reportOverrun()
+{
+    std::fprintf(stderr, "VelmorALSAMIDIService: input overrun, events lost\n");
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto& [ref, port] : inputPorts) {
+        if (port.connections.empty())
+            continue;
+        Delivery delivery;
+        delivery.kind = Delivery::Kind::InputDropped;
+        delivery.dropped = {kMIDIMsgVelmorInputDropped, sizeof(MIDIInputDroppedNotification), ref, 0, 0};
+        deliveries.push_back(std::move(delivery));
+    }
 }
 
 void VelmorALSAMIDIService::State::dispatch()
@@ -79,9 +263,6 @@ void VelmorALSAMIDIService::State::dispatch()
         std::lock_guard<std::mutex> callbacks(callbackMutex);
         Delivery delivery;
         std::vector<Client> targets;
-        MIDIReadProc readProc = nullptr;
-        void* readRefCon = nullptr;
-        void* connectionRefCon = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (deliveries.empty())
@@ -92,16 +273,12 @@ void VelmorALSAMIDIService::State::dispatch()
                 for (auto& [ref, client] : clients)
                     if (client.notifyProc)
                         targets.push_back(client);
-            } else if (delivery.kind == Delivery::Kind::Packets) {
-                auto port = inputPorts.find(delivery.port);
-                if (port == inputPorts.end())
-                    continue;
-                auto connection = port->second.connections.find(delivery.source);
-                if (connection == port->second.connections.end())
-                    continue;
-                readProc = port->second.readProc;
-                readRefCon = port->second.refCon;
-                connectionRefCon = connection->second.refCon;
+            } else if (delivery.kind == Delivery::Kind::InputDropped) {
+                // To the client that owns the port, if both are still there.
+                auto port = inputPorts.find(delivery.dropped.port);
+                auto client = port != inputPorts.end() ? clients.find(port->second.client) : clients.end();
+                if (client != clients.end() && client->second.notifyProc)
+                    targets.push_back(client->second);
             }
         }
         switch (delivery.kind) {
@@ -115,9 +292,9 @@ void VelmorALSAMIDIService::State::dispatch()
                     client.notifyProc(reinterpret_cast<const MIDINotification*>(&delivery.addRemove), client.refCon);
             }
             break;
-        case Delivery::Kind::Packets:
-            if (readProc)
-                readProc(reinterpret_cast<const MIDIPacketList*>(delivery.image.data()), readRefCon, connectionRefCon);
+        case Delivery::Kind::InputDropped:
+            for (const Client& client : targets)
+                client.notifyProc(reinterpret_cast<const MIDINotification*>(&delivery.dropped), client.refCon);
             break;
         case Delivery::Kind::Marker: {
             std::lock_guard<std::mutex> lock(markerMutex);

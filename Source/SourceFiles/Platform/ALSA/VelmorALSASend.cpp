@@ -17,21 +17,56 @@ bool VelmorALSAMIDIService::State::scheduleTime(MIDITimeStamp timeStamp, snd_seq
 // Sends one event, waiting for room in the sequencer's pool without holding the handle.
 int VelmorALSAMIDIService::State::output(snd_seq_event_t& event)
 {
+    // A fixed-size event goes from libasound straight to one write(2) on the handle's descriptor,
+    // which any thread may do at any time; a variable-size one is staged in the handle's buffer first
+    // and so needs the handle's lock.
+    const bool variable = snd_seq_ev_is_variable(&event);
     for (int attempt = 0;; ++attempt) {
         int result = 0;
-        std::vector<pollfd> descriptors;
-        {
+        if (variable) {
             std::lock_guard<std::mutex> lock(seqMutex);
             result = snd_seq_event_output_direct(seq, &event);
-            if (result != -EAGAIN)
-                return result;
-            descriptors.resize(std::size_t(snd_seq_poll_descriptors_count(seq, POLLOUT)));
-            snd_seq_poll_descriptors(seq, descriptors.data(), unsigned(descriptors.size()), POLLOUT);
+        } else {
+            result = snd_seq_event_output_direct(seq, &event);
         }
+        if (result != -EAGAIN)
+            return result;
         if (attempt > 5000)
             return -EAGAIN;
-        poll(descriptors.data(), descriptors.size(), 2);
+        std::array<pollfd, 4> descriptors {};
+        const std::size_t count = std::min(descriptors.size(), outputDescriptors.size());
+        std::copy_n(outputDescriptors.begin(), count, descriptors.begin());
+        poll(descriptors.data(), count, 2);
     }
+}
+
+std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDIService::State::currentSendTable()
+{
+    if (!sendTableStale.load(std::memory_order_acquire))
+        if (auto table = sendTable.load(std::memory_order_acquire))
+            return table;
+    std::lock_guard<std::mutex> lock(mutex);
+    return rebuildSendTable();
+}
+
+std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDIService::State::rebuildSendTable()
+{
+    auto table = std::make_shared<SendTable>();
+    table->objects.reserve(objects.size());
+    for (const auto& [ref, object] : objects)
+        table->objects.emplace(ref, SendTable::Entry {object.type, object.address, -1, false});
+    for (const auto& [ref, port] : outputPorts) {
+        table->objects[ref].outputSeqPort = port.seqPort;
+        for (const Address& address : port.subscribed)
+            table->subscribed.insert(subscriptionKey(port.seqPort, address));
+    }
+    for (const auto& [address, port] : ports)
+        if (port.own && port.source)
+            table->objects[port.source].ownSource = true;
+    std::shared_ptr<const SendTable> result = std::move(table);
+    sendTable.store(result, std::memory_order_release);
+    sendTableStale.store(false, std::memory_order_release);
+    return result;
 }
 
 namespace {
@@ -61,15 +96,25 @@ void forEachPacket(const MIDIPacketList* list, Each each)
 static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, std::optional<Address> destination,
                             const MIDIPacketList* list)
 {
-    snd_midi_event_t* encoder = nullptr;
-    if (int error = snd_midi_event_new(256, &encoder); error < 0) {
-        reportFailure("snd_midi_event_new", error);
-        return kMIDIUnknownEndpoint;
+    VelmorALSAMIDIService::State::Coder* taken = nullptr;
+    for (auto& coder : state.coders)
+        if (!coder.busy.exchange(true, std::memory_order_acquire)) {
+            taken = &coder;
+            break;
+        }
+    snd_midi_event_t* encoder = taken ? taken->coder : nullptr;
+    if (!encoder) {
+        if (int error = snd_midi_event_new(256, &encoder); error < 0) {
+            reportFailure("snd_midi_event_new", error);
+            return kMIDIUnknownEndpoint;
+        }
     }
     OSStatus status = noErr;
     forEachPacket(list, [&](MIDITimeStamp timeStamp, const std::uint8_t* data, std::size_t length) {
         snd_seq_real_time_t when {};
         const bool scheduled = state.scheduleTime(timeStamp, &when);
+        // Each packet starts afresh: no running status or half message carries over from another.
+        snd_midi_event_reset_encode(encoder);
         std::size_t at = 0;
         while (at < length && status == noErr) {
             snd_seq_event_t event;
@@ -95,7 +140,10 @@ static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, st
             }
         }
     });
-    snd_midi_event_free(encoder);
+    if (taken)
+        taken->busy.store(false, std::memory_order_release);
+    else
+        snd_midi_event_free(encoder);
     return status;
 }
 
@@ -104,18 +152,18 @@ OSStatus VelmorALSAMIDIService::received(MIDIEndpointRef source, const MIDIPacke
     if (!packetList)
         return kMIDIParamErr;
     State& state = *state_;
-    int seqPort = -1;
-    {
+    auto table = state.currentSendTable();
+    auto it = table->objects.find(source);
+    if (it == table->objects.end()) {
         std::lock_guard<std::mutex> lock(state.mutex);
-        auto it = state.objects.find(source);
-        if (it == state.objects.end())
+        if (!state.objects.count(source))
             return kMIDIParamErr;
-        auto port = state.ports.find(it->second.address);
-        if (port == state.ports.end() || !port->second.own || port->second.source != source)
-            return kMIDIUnknownEndpoint;
-        seqPort = it->second.address.second;
+        table = state.rebuildSendTable();  // it was made after the table
+        it = table->objects.find(source);
     }
-    return sendPackets(state, seqPort, std::nullopt, packetList);
+    if (!it->second.ownSource)
+        return kMIDIUnknownEndpoint;
+    return sendPackets(state, it->second.address.second, std::nullopt, packetList);
 }
 
 OSStatus VelmorALSAMIDIService::send(MIDIPortRef port, MIDIEndpointRef destination, const MIDIPacketList* packetList)
@@ -123,24 +171,29 @@ OSStatus VelmorALSAMIDIService::send(MIDIPortRef port, MIDIEndpointRef destinati
     if (!packetList)
         return kMIDIParamErr;
     State& state = *state_;
-    int seqPort = -1;
-    Address address;
-    bool subscribed = false;
-    {
+    auto table = state.currentSendTable();
+    auto portIt = table->objects.find(port);
+    auto it = table->objects.find(destination);
+    if (portIt == table->objects.end() || it == table->objects.end()) {
+        // Gone (an output may outlive its destination), or made after the table: the model decides.
         std::lock_guard<std::mutex> lock(state.mutex);
-        auto portIt = state.outputPorts.find(port);
-        if (portIt == state.outputPorts.end())
-            return state.objects.count(port) ? kMIDIInvalidPort : kMIDIParamErr;
-        auto it = state.objects.find(destination);
-        if (it == state.objects.end())
+        if (!state.objects.count(port))
             return kMIDIParamErr;
-        if (it->second.type != kMIDIObjectType_Destination)
-            return kMIDIUnknownEndpoint;
-        seqPort = portIt->second.seqPort;
-        address = it->second.address;
-        subscribed = portIt->second.subscribed.count(address) > 0;
+        if (!state.outputPorts.count(port))
+            return kMIDIInvalidPort;
+        if (!state.objects.count(destination))
+            return kMIDIParamErr;
+        table = state.rebuildSendTable();
+        portIt = table->objects.find(port);
+        it = table->objects.find(destination);
     }
-    if (!subscribed) {
+    if (portIt->second.outputSeqPort < 0)
+        return kMIDIInvalidPort;
+    if (it->second.type != kMIDIObjectType_Destination)
+        return kMIDIUnknownEndpoint;
+    const int seqPort = portIt->second.outputSeqPort;
+    const Address address = it->second.address;
+    if (!table->subscribed.count(subscriptionKey(seqPort, address))) {
         // Some drivers take events only while a subscription to them exists.
         int error = 0;
         {
@@ -152,8 +205,10 @@ OSStatus VelmorALSAMIDIService::send(MIDIPortRef port, MIDIEndpointRef destinati
             return kMIDIUnknownEndpoint;
         }
         std::lock_guard<std::mutex> lock(state.mutex);
-        if (auto portIt = state.outputPorts.find(port); portIt != state.outputPorts.end())
-            portIt->second.subscribed.insert(address);
+        if (auto portEntry = state.outputPorts.find(port); portEntry != state.outputPorts.end()) {
+            portEntry->second.subscribed.insert(address);
+            state.rebuildSendTable();
+        }
     }
     return sendPackets(state, seqPort, address, packetList);
 }
