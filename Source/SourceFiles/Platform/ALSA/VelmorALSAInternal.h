@@ -67,6 +67,8 @@ inline constexpr std::size_t kMaxPendingExclusive = std::size_t(16) << 20;
 // A packet list handed to a read procedure is closed once it holds this many bytes, so that one burst
 // becomes a few lists of moderate size rather than one huge one.
 inline constexpr std::size_t kListBytes = std::size_t(16) << 10;
+// How long a send waits for a receiver whose queue is full before the event is given up.
+inline constexpr std::chrono::milliseconds kSendPatience {50};
 
 inline std::uint64_t subscriptionKey(int seqPort, Address address)
 {

@@ -14,30 +14,38 @@ bool VelmorALSAMIDIService::State::scheduleTime(MIDITimeStamp timeStamp, snd_seq
     return true;
 }
 
-// Sends one event, waiting for room in the sequencer's pool without holding the handle.
+// Sends one event. -EAGAIN means a full pool: ours (timed events waiting on the queue), or the
+// receiving client's queue when it reads slower than we send. The first frees up as the queue plays
+// and poll() waits for it; for the second poll() returns at once, so the sender backs off and tries
+// again. Only a receiver stuck for longer than kSendPatience loses the event (with a line).
 int VelmorALSAMIDIService::State::output(snd_seq_event_t& event)
 {
     // A fixed-size event goes from libasound straight to one write(2) on the handle's descriptor,
     // which any thread may do at any time; a variable-size one is staged in the handle's buffer first
     // and so needs the handle's lock.
     const bool variable = snd_seq_ev_is_variable(&event);
-    for (int attempt = 0;; ++attempt) {
-        int result = 0;
-        if (variable) {
-            std::lock_guard<std::mutex> lock(seqMutex);
-            result = snd_seq_event_output_direct(seq, &event);
-        } else {
-            result = snd_seq_event_output_direct(seq, &event);
-        }
-        if (result != -EAGAIN)
-            return result;
-        if (attempt > 5000)
-            return -EAGAIN;
+    auto attempt = [&] {
+        if (!variable)
+            return snd_seq_event_output_direct(seq, &event);
+        std::lock_guard<std::mutex> lock(seqMutex);
+        return snd_seq_event_output_direct(seq, &event);
+    };
+    int result = attempt();
+    if (result != -EAGAIN)
+        return result;
+    const auto deadline = std::chrono::steady_clock::now() + kSendPatience;
+    auto pause = std::chrono::microseconds(20);
+    while (result == -EAGAIN && std::chrono::steady_clock::now() < deadline) {
         std::array<pollfd, 4> descriptors {};
         const std::size_t count = std::min(descriptors.size(), outputDescriptors.size());
         std::copy_n(outputDescriptors.begin(), count, descriptors.begin());
-        poll(descriptors.data(), count, 2);
+        if (poll(descriptors.data(), count, 1) != 0) {
+            std::this_thread::sleep_for(pause);
+            pause = std::min(pause * 2, std::chrono::microseconds(1000));
+        }
+        result = attempt();
     }
+    return result;
 }
 
 std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDIService::State::currentSendTable()
