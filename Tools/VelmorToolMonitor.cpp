@@ -142,6 +142,34 @@ public:
                                if (auto source = value ? value->objectAs<VelmorRemoteSource>() : nullptr)
                                    changed(source);
                            });
+        // Outputs come and go as lines too (a synthesizer has no source); the list starts being kept now.
+        for (const auto& output : manager_->remoteOutputs())
+            outputNames_[output.get()] = output->name().value_or("");
+        center.addObserver(this, std::string(VelmorManager_DidAddOutputNotification), [this](const VelmorNotification& n) {
+            if (auto output = std::dynamic_pointer_cast<VelmorRemoteOutput>(n.object)) {
+                outputNames_[output.get()] = output->name().value_or("");
+                deviceLine("output", "added", *output, "");
+            }
+        });
+        center.addObserver(this, std::string(VelmorManager_WillRemoveOutputNotification),
+                           [this](const VelmorNotification& n) {
+                               if (auto output = std::dynamic_pointer_cast<VelmorRemoteOutput>(n.object)) {
+                                   outputNames_.erase(output.get());
+                                   deviceLine("output", "removed", *output, "");
+                               }
+                           });
+        center.addObserver(this, std::string(VelmorManager_OutputPropertyChangedNotification),
+                           [this](const VelmorNotification& n) {
+                               const VelmorValue* value =
+                                   n.userInfo ? n.userInfo->objectForKey(VelmorManager_OutputKey) : nullptr;
+                               auto output = value ? value->objectAs<VelmorRemoteOutput>() : nullptr;
+                               auto found = output ? outputNames_.find(output.get()) : outputNames_.end();
+                               if (found == outputNames_.end() || found->second == output->name().value_or(""))
+                                   return;
+                               const std::string old = found->second;
+                               found->second = output->name().value_or("");
+                               deviceLine("output", "renamed", *output, " (was \"" + old + "\")");
+                           });
         if (io_.onMonitorLine)
             io_.onMonitorLine("");
 
@@ -213,12 +241,12 @@ private:
         const bool wanted = isWanted(*source);
         if (wanted)
             watch(source);
-        deviceLine("added", *source, wanted ? "" : " (not watched)");
+        deviceLine("source", "added", *source, wanted ? "" : " (not watched)");
     }
 
     void removed(const std::shared_ptr<VelmorRemoteSource>& source)
     {
-        deviceLine("removed", *source, "");
+        deviceLine("source", "removed", *source, "");
         watched_.erase(source.get());
     }
 
@@ -230,22 +258,22 @@ private:
             return;
         const std::string old = found->second.name;
         found->second.name = name;
-        deviceLine("renamed", *source, " (was \"" + old + "\")");
+        deviceLine("source", "renamed", *source, " (was \"" + old + "\")");
     }
 
-    void deviceLine(const char* what, const VelmorRemoteSource& source, const std::string& note)
+    void deviceLine(const char* kind, const char* what, const VelmorEndpoint& endpoint, const std::string& note)
     {
-        auto attributes = source.attributes();
+        auto attributes = endpoint.attributes();
         if (options_.json) {
-            nlohmann::json line = {{"device", what}};
+            nlohmann::json line = {{"device", what}, {"kind", kind}};
             if (attributes)
                 line["attributes"] = jsonFromDictionary(attributes->dictionaryRepresentation());
             write(line.dump());
             return;
         }
-        const std::string address = serviceAddress(source);
-        std::string text = timeText(AudioGetCurrentHostTime()) + "  source " + what + ": \""
-            + source.name().value_or("") + "\"";
+        const std::string address = serviceAddress(endpoint);
+        std::string text = timeText(AudioGetCurrentHostTime()) + "  " + kind + " " + what + ": \""
+            + endpoint.name().value_or("") + "\"";
         if (attributes && (attributes->manufacturer().value_or("") + attributes->model().value_or("")).size())
             text += " (" + attributes->descriptiveString() + ")";
         if (!address.empty())
@@ -294,6 +322,7 @@ private:
     std::shared_ptr<VelmorManager> manager_;
     std::vector<std::shared_ptr<VelmorAttributes>> wanted_;
     std::map<const VelmorRemoteSource*, Watched> watched_;
+    std::map<const VelmorRemoteOutput*, std::string> outputNames_;
     std::uint64_t events_ = 0;
 };
 

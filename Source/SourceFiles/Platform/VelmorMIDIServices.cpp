@@ -1,6 +1,7 @@
 #include "VelmorMIDIServices.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -10,30 +11,58 @@ namespace VelmorPlatform {
 
 namespace {
 
-std::mutex serviceMutex;
-std::shared_ptr<VelmorMIDIService> serviceOwner;   // guarded by serviceMutex
+// The current service is never destroyed by static destruction: objects of the application held in
+// globals may call it while the process exits, in any order.
+std::mutex& serviceMutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+std::shared_ptr<VelmorMIDIService>& serviceOwner()  // guarded by serviceMutex()
+{
+    static auto* owner = new std::shared_ptr<VelmorMIDIService>;
+    return *owner;
+}
 std::atomic<VelmorMIDIService*> serviceCurrent {nullptr};
+std::atomic<bool> exiting {false};
+std::atomic<bool> exitHandlerRegistered {false};
+
+// Registered once a service is in use, so that it runs before the static destructors of everything
+// made earlier.
+void registerExitHandler()
+{
+    if (!exitHandlerRegistered.exchange(true))
+        std::atexit([] { exiting.store(true, std::memory_order_seq_cst); });
+}
 
 } // namespace
+
+bool processIsExiting()
+{
+    return exiting.load(std::memory_order_acquire);
+}
 
 VelmorMIDIService& currentService()
 {
     if (auto* service = serviceCurrent.load(std::memory_order_acquire))
         return *service;
-    std::lock_guard<std::mutex> lock(serviceMutex);
-    if (!serviceOwner) {
-        serviceOwner = VelmorInProcessMIDIService::sharedService();
-        serviceCurrent.store(serviceOwner.get(), std::memory_order_release);
+    std::lock_guard<std::mutex> lock(serviceMutex());
+    auto& owner = serviceOwner();
+    if (!owner) {
+        registerExitHandler();
+        owner = VelmorInProcessMIDIService::sharedService();
+        serviceCurrent.store(owner.get(), std::memory_order_release);
     }
-    return *serviceOwner;
+    return *owner;
 }
 
 std::shared_ptr<VelmorMIDIService> setCurrentService(std::shared_ptr<VelmorMIDIService> service)
 {
-    std::lock_guard<std::mutex> lock(serviceMutex);
-    auto previous = std::move(serviceOwner);
-    serviceOwner = std::move(service);
-    serviceCurrent.store(serviceOwner.get(), std::memory_order_release);
+    std::lock_guard<std::mutex> lock(serviceMutex());
+    registerExitHandler();
+    auto previous = std::move(serviceOwner());
+    serviceOwner() = std::move(service);
+    serviceCurrent.store(serviceOwner().get(), std::memory_order_release);
     return previous;
 }
 

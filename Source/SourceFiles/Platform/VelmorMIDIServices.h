@@ -192,7 +192,13 @@ public:
     virtual OSStatus setIntegerProperty(MIDIObjectRef object, std::string_view propertyID, std::int32_t value) = 0;
 };
 
-// The current service. Until one is set, the first call makes the in-process service current.
+// True once the process has begun to exit (std::exit or a return from main). The services and the
+// notification center outlive static destruction; from then on the framework's callbacks return at
+// once, so that no service thread runs framework code while the program's globals are destroyed.
+bool processIsExiting();
+
+// The current service. Until one is set, the first call makes the in-process service current. It is
+// never destroyed by static destruction.
 VelmorMIDIService& currentService();
 // Makes `service` current. Call it before the manager starts; a service that clients already use must
 // not be replaced. Returns the service that was current, if any.

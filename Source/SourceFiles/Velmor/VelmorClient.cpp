@@ -61,7 +61,7 @@ std::string VelmorClient::description() const
 
 void VelmorNotificationCallback(const MIDINotification* message, void* refCon)
 {
-    if (!message || !refCon)
+    if (!message || !refCon || VelmorPlatform::processIsExiting())
         return;
     auto* client = dynamic_cast<VelmorClient*>(static_cast<VelmorRootObject*>(refCon));
     if (!client)

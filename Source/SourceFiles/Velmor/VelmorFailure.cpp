@@ -7,16 +7,17 @@
 
 namespace {
 
+// Never destroyed: a line may come from a service thread, or from a destructor, while the process exits.
 std::mutex& sinkMutex()
 {
-    static std::mutex mutex;
-    return mutex;
+    static auto* mutex = new std::mutex;
+    return *mutex;
 }
 
 VelmorLineSink& currentSink()
 {
-    static VelmorLineSink sink;
-    return sink;
+    static auto* sink = new VelmorLineSink;
+    return *sink;
 }
 
 std::string dateAndTime()

@@ -11,7 +11,7 @@
 void VelmorInputPortDefaultReadProc(const VelmorPlatform::MIDIPacketList* packetList, void* readProcRefCon,
                                     void* srcConnRefCon)
 {
-    if (!readProcRefCon)
+    if (!readProcRefCon || VelmorPlatform::processIsExiting())
         return;
     // The port made this reference from itself, and the service calls no read procedure of the port
     // after MIDIPortDispose, which the port's destructor calls: the object is there. While it is being

@@ -28,16 +28,26 @@ struct ClassStrings {
     std::string localOutputModel = "Velmor";
 };
 
-std::mutex sClassStringsMutex;
-ClassStrings sClassStrings;                  // guarded by sClassStringsMutex
+// Never destroyed, like the manager: default attributes read them until the process is gone. Made on
+// first use, so that a global constructor of the application may already set them.
+std::mutex& classStringsMutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+ClassStrings& classStrings()  // guarded by classStringsMutex()
+{
+    static auto* strings = new ClassStrings;
+    return *strings;
+}
 std::atomic<std::uint64_t> sClassStringsVersion {1};
 
 void setClassString(std::string ClassStrings::*field, const std::optional<std::string>& value)
 {
     if (!value || value->empty())
         return;
-    std::lock_guard<std::mutex> lock(sClassStringsMutex);
-    sClassStrings.*field = *value;
+    std::lock_guard<std::mutex> lock(classStringsMutex());
+    classStrings().*field = *value;
     sClassStringsVersion.fetch_add(1, std::memory_order_release);
 }
 
@@ -46,15 +56,22 @@ std::string classString(std::string ClassStrings::*field)
     thread_local ClassStrings copy;
     thread_local std::uint64_t copyVersion = 0;
     if (sClassStringsVersion.load(std::memory_order_acquire) != copyVersion) {
-        std::lock_guard<std::mutex> lock(sClassStringsMutex);
-        copy = sClassStrings;
+        std::lock_guard<std::mutex> lock(classStringsMutex());
+        copy = classStrings();
         copyVersion = sClassStringsVersion.load(std::memory_order_relaxed);
     }
     return copy.*field;
 }
 
 VelmorOnceToken sSharedVelmorManagerOnce;
-std::shared_ptr<VelmorManager> sSharedVelmorManager;
+// The manager lives until the process ends, and is never destroyed by static destruction: globals of the
+// application that hold framework objects may go before or after it, and service threads may still
+// call in.
+std::shared_ptr<VelmorManager>& sharedManagerSlot()
+{
+    static auto* slot = new std::shared_ptr<VelmorManager>;
+    return *slot;
+}
 
 bool sameObject(const std::shared_ptr<VelmorRemoteSource>& a, const std::shared_ptr<VelmorRemoteSource>& b)
 {
@@ -73,8 +90,8 @@ bool equalStrings(const std::optional<std::string>& a, const std::optional<std::
 std::shared_ptr<VelmorManager> VelmorManager::sharedManager()
 {
     // Spent even when init() fails: a failed start is not tried again.
-    VelmorOnce(sSharedVelmorManagerOnce, [] { sSharedVelmorManager = VelmorManager::init(); });
-    return sSharedVelmorManager;
+    VelmorOnce(sSharedVelmorManagerOnce, [] { sharedManagerSlot() = VelmorManager::init(); });
+    return sharedManagerSlot();
 }
 
 std::shared_ptr<VelmorManager> VelmorManager::init()
