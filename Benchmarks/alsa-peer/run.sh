@@ -5,7 +5,7 @@
 #   Benchmarks/alsa-peer/run.sh --smp 2         on 2 CPUs
 #   Benchmarks/alsa-peer/run.sh --rounds 5 --filter 'latency|send'
 #   Benchmarks/alsa-peer/run.sh --quick         the few seconds that CI's smoke job runs
-# Counts: PEER_RECEIVE_COUNT, PEER_LATENCY_COUNT, PEER_SEND_COUNT in the environment.
+# Counts: PEER_RECEIVE_COUNT, PEER_LATENCY_COUNT, PEER_SEND_COUNT (any PEER_* variable is passed on).
 set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 ROOT=$(cd "$HERE/../.." && pwd)
@@ -20,7 +20,7 @@ while [ $# -gt 0 ]; do
     esac
 done
 env="PEER_ROUNDS=$rounds"
-for name in PEER_RECEIVE_COUNT PEER_LATENCY_COUNT PEER_SEND_COUNT; do
+for name in $(compgen -e | grep '^PEER_' | grep -v '^PEER_ROUNDS$\|^PEER_FILTER$' || true); do
     [ -z "${!name:-}" ] || env+=" $name=${!name}"
 done
 [ -z "$filter" ] || env+=" PEER_FILTER=$filter"

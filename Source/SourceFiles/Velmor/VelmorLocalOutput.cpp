@@ -144,9 +144,10 @@ void VelmorLocalOutput::sendEvent(const std::shared_ptr<VelmorEvent>& event)
     const MIDIEndpointRef endpoint = sendingEndpoint_.load(std::memory_order_acquire);
     if (endpoint == 0)
         return;
-    const VelmorData image = packetListImageForEvent(event);
+    PacketListImage image;
+    renderPacketListImageForEvent(event, image);
     // A count alone, or nothing, is no list worth handing over.
-    if (image.length() <= 4)
+    if (image.length <= 4)
         return;
-    MIDIReceived(endpoint, reinterpret_cast<const MIDIPacketList*>(image.bytes()));
+    MIDIReceived(endpoint, reinterpret_cast<const MIDIPacketList*>(image.bytes));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -35,4 +36,14 @@ protected:
     // The image of a packet list that carries `event` alone, timed at the current host time plus its
     // offset; empty when there is nothing to send.
     static VelmorData packetListImageForEvent(const std::shared_ptr<VelmorEvent>& event);
+
+    // The same image where it fits in `buffer` (channel messages and short exclusive ones: no allocation
+    // on the sending thread), else in `storage`.
+    struct PacketListImage {
+        std::uint8_t buffer[256];
+        VelmorData storage;
+        const std::uint8_t* bytes = nullptr;
+        std::size_t length = 0;
+    };
+    static void renderPacketListImageForEvent(const std::shared_ptr<VelmorEvent>& event, PacketListImage& image);
 };

@@ -223,28 +223,23 @@ void VelmorPacket::appendInPlace(const std::uint8_t* bytes, std::size_t length, 
     walk();
 }
 
-std::uint64_t VelmorPacket::imageTimeStampWithStartTime(std::uint64_t startTime) const
+namespace {
+
+std::uint64_t imageTimeStamp(std::uint64_t timeOffset, std::uint64_t startTime)
 {
-    return AudioConvertNanosToHostTime(AudioConvertHostTimeToNanos(startTime) + timeOffset_ * 1000000u);
+    return AudioConvertNanosToHostTime(AudioConvertHostTimeToNanos(startTime) + timeOffset * 1000000u);
 }
 
-std::uint64_t VelmorPacket::platformPacketCount() const
+std::uint64_t platformPacketCountFor(std::size_t length)
 {
-    return (data_.length() + maximumPlatformPacketLength - 1) / maximumPlatformPacketLength;
+    return (length + VelmorPacket::maximumPlatformPacketLength - 1) / VelmorPacket::maximumPlatformPacketLength;
 }
 
-std::size_t VelmorPacket::platformPacketsByteSize() const
+std::uint8_t* writePlatformPacketsOf(std::uint8_t* out, std::uint64_t timeStamp, const std::uint8_t* bytes,
+                                     std::size_t remaining)
 {
-    return data_.length() + packetHeaderSize * platformPacketCount();
-}
-
-std::uint8_t* VelmorPacket::writePlatformPackets(std::uint8_t* out, std::uint64_t startTime) const
-{
-    const std::uint64_t timeStamp = imageTimeStampWithStartTime(startTime);
-    const std::uint8_t* bytes = data_.bytes();
-    std::size_t remaining = data_.length();
     while (remaining > 0) {
-        const std::size_t length = std::min(remaining, maximumPlatformPacketLength);
+        const std::size_t length = std::min(remaining, VelmorPacket::maximumPlatformPacketLength);
         out = writeLittleEndian(out, timeStamp, 8);
         out = writeLittleEndian(out, length, 2);
         std::memcpy(out, bytes, length);
@@ -253,6 +248,40 @@ std::uint8_t* VelmorPacket::writePlatformPackets(std::uint8_t* out, std::uint64_
         remaining -= length;
     }
     return out;
+}
+
+} // namespace
+
+std::uint64_t VelmorPacket::imageTimeStampWithStartTime(std::uint64_t startTime) const
+{
+    return imageTimeStamp(timeOffset_, startTime);
+}
+
+std::uint64_t VelmorPacket::platformPacketCount() const
+{
+    return platformPacketCountFor(data_.length());
+}
+
+std::size_t VelmorPacket::platformPacketsByteSize() const
+{
+    return data_.length() + packetHeaderSize * platformPacketCount();
+}
+
+std::size_t VelmorPacket::listImageSize(std::size_t length)
+{
+    return listHeaderSize + length + packetHeaderSize * platformPacketCountFor(length);
+}
+
+void VelmorPacket::writeListImage(std::uint8_t* out, std::uint64_t timeOffset, const VelmorData& data,
+                                  std::uint64_t startTime)
+{
+    out = writeLittleEndian(out, platformPacketCountFor(data.length()), listHeaderSize);
+    writePlatformPacketsOf(out, imageTimeStamp(timeOffset, startTime), data.bytes(), data.length());
+}
+
+std::uint8_t* VelmorPacket::writePlatformPackets(std::uint8_t* out, std::uint64_t startTime) const
+{
+    return writePlatformPacketsOf(out, imageTimeStampWithStartTime(startTime), data_.bytes(), data_.length());
 }
 
 VelmorData VelmorPacket::getMidiPacketDataWithStartTime(std::uint64_t startTime) const

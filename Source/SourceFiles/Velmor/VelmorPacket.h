@@ -73,6 +73,11 @@ public:
     // The image of a platform packet list that holds this packet alone.
     VelmorData getMIDIPacketListDataWithStartTime(std::uint64_t startTime) const;
     VelmorData getMIDIPacketListData() const;
+    // The same list image for a packet not made: of a packet of `timeOffset` and `data` (neither null
+    // nor empty), written at `out`, which holds listImageSize(data.length()) bytes. Senders render into
+    // a buffer of their own this way, without an allocation.
+    static std::size_t listImageSize(std::size_t length);
+    static void writeListImage(std::uint8_t* out, std::uint64_t timeOffset, const VelmorData& data, std::uint64_t startTime);
 
 protected:
     VelmorPacket() = default;

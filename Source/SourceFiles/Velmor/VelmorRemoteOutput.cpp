@@ -39,8 +39,9 @@ void VelmorRemoteOutput::sendEvent(const std::shared_ptr<VelmorEvent>& event)
     const MIDIEndpointRef destination = object();
     if (destination == 0)
         return;
-    const VelmorData image = packetListImageForEvent(event);
-    if (image.length() <= 4)
+    PacketListImage image;
+    renderPacketListImageForEvent(event, image);
+    if (image.length <= 4)
         return;
-    MIDISend(outputPort_, destination, reinterpret_cast<const MIDIPacketList*>(image.bytes()));
+    MIDISend(outputPort_, destination, reinterpret_cast<const MIDIPacketList*>(image.bytes));
 }
