@@ -117,7 +117,9 @@ int peerProcess(jack_nframes_t frames, void*)
     std::uint8_t bytes[3];
     if (mode == 1) {
         for (jack_nframes_t n = 0; n < 256 && sent < target; ++n) {
-            if (sent - shared->received.load(std::memory_order_acquire) >= kWindow)
+            // Signed: a late arrival of an earlier trial may put the count ahead for a moment.
+            if (std::int64_t(sent) - std::int64_t(shared->received.load(std::memory_order_acquire)) >=
+                std::int64_t(kWindow))
                 break;
             encode(sent, bytes);
             if (jack_midi_event_write(out, std::min(n, frames - 1), bytes, 3) != 0)
@@ -226,7 +228,8 @@ void disconnect(const std::string& contender)
         MIDIPortDisconnectSource(readPort, peerSource->object());
     else
         rtIn->closePort();
-    VelmorMainQueue::mainQueue().runUntil([] { return false; }, 30ms);
+    // Let what is still on its way arrive before the next trial resets the counters.
+    VelmorMainQueue::mainQueue().runUntil([] { return false; }, 200ms);
 }
 
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
