@@ -77,6 +77,8 @@ private:
     void push(VelmorMainQueueItem* item, bool urgent);
     bool runOne();
     void setSignalled(bool signalled) const;  // caller holds mutex_
+    // Sleeps on posted_ until woken or `deadline`; false when the deadline passed.
+    bool waitUntil(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point deadline);
 
     // The serving side takes every pending item under one lock and runs them from `taken_` before it
     // looks at `items_` again, so that posters and the server meet once per batch. Lock order:
