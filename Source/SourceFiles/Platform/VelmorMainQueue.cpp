@@ -1,6 +1,7 @@
 #include "VelmorMainQueue.h"
 
-#include <pthread.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <sys/eventfd.h>
 #include <cerrno>
 #include <ctime>
@@ -101,11 +102,14 @@ void VelmorMainQueue::push(VelmorMainQueueItem* item, bool urgent)
         }
         setSignalled(true);
         // Only a sleeping server needs the kernel's help; a busy one finds the item by itself.
-        wake = sleeping_;
-        sleeping_ = false;
+        wake = sleeping_.load(std::memory_order_relaxed);
+        if (wake) {
+            sleeping_.store(false, std::memory_order_release);
+            wakeSequence_.fetch_add(1, std::memory_order_release);
+        }
     }
     if (wake)
-        posted_.notify_one();
+        syscall(SYS_futex, &wakeSequence_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 bool VelmorMainQueue::runOne()
@@ -178,31 +182,40 @@ bool VelmorMainQueue::runUntil(const std::function<bool()>& condition, std::chro
         }
         // No spinning: on one processor a look-ahead loop takes time from the thread that feeds us.
         std::unique_lock<std::mutex> lock(mutex_);
-        if (items_.empty() && urgent_.empty()) {
-            sleeping_ = true;
-            const bool timedOut = !waitUntil(lock, deadline);
-            sleeping_ = false;
-            if (timedOut && items_.empty() && urgent_.empty())
-                break;
-        }
+        if (!items_.empty() || !urgent_.empty())
+            continue;
+        sleeping_.store(true, std::memory_order_relaxed);
+        const std::uint32_t sequence = wakeSequence_.load(std::memory_order_relaxed);
+        lock.unlock();
+        const bool woken = sleepUntil(sequence, deadline);
+        if (woken && !sleeping_.load(std::memory_order_acquire))
+            continue;  // a poster woke us and cleared the flag
+        lock.lock();
+        sleeping_.store(false, std::memory_order_relaxed);
+        if (!woken && items_.empty() && urgent_.empty())
+            break;
     }
     return condition();
 }
 
-// std::condition_variable::wait_until reads the clock again after every wake-up; this doesn't.
-bool VelmorMainQueue::waitUntil(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point deadline)
+// A futex on the wake sequence rather than a condition variable: a woken server takes no mutex before
+// it serves, and reads no clock. A post between the unlock and the wait changes the sequence, so the wait
+// returns at once.
+bool VelmorMainQueue::sleepUntil(std::uint32_t sequence, std::chrono::steady_clock::time_point deadline)
 {
-    if (deadline == std::chrono::steady_clock::time_point::max()) {
-        posted_.wait(lock);
-        return true;
-    }
-    const auto since = deadline.time_since_epoch();
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
     timespec when {};
-    when.tv_sec = static_cast<time_t>(seconds.count());
-    when.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count());
-    return pthread_cond_clockwait(posted_.native_handle(), lock.mutex()->native_handle(), CLOCK_MONOTONIC, &when) !=
-           ETIMEDOUT;
+    const timespec* timeout = nullptr;
+    if (deadline != std::chrono::steady_clock::time_point::max()) {
+        const auto since = deadline.time_since_epoch();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+        when.tv_sec = static_cast<time_t>(seconds.count());
+        when.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count());
+        timeout = &when;
+    }
+    // An absolute time on the monotonic clock, which is steady_clock's.
+    const long result = syscall(SYS_futex, &wakeSequence_, FUTEX_WAIT_BITSET_PRIVATE, sequence, timeout, nullptr,
+                                FUTEX_BITSET_MATCH_ANY);
+    return !(result == -1 && errno == ETIMEDOUT);
 }
 
 std::size_t VelmorMainQueue::pendingCount() const

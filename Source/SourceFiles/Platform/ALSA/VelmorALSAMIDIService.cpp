@@ -98,7 +98,10 @@ bool VelmorALSAMIDIService::State::open()
         std::lock_guard<std::mutex> lock(mutex);
         publishSnapshots();
     }
-    thread = std::thread([this] { run(); });
+    thread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "Velmor ALSA");  // for top, perf and debuggers
+        run();
+    });
     return true;
 }
 
