@@ -1,5 +1,6 @@
 #!/bin/sh
-# Profile of the peer benchmark (experiment).
+# A profile of the peer benchmark under perf (cpu-clock samples, then context switches), for
+# PEER_FILTER's trials. Build with VM_NOSTRIP=1 to see the program's own symbols.
 # vm-programs: velmor_alsa_peer_benchmark
 # vm-host-programs: perf
 # vm-packages: librtmidi-dev libbenchmark-dev
