@@ -81,10 +81,18 @@ public:
     const std::optional<std::string>& identifier() const { return identifier_; }
     void setIdentifier(const std::optional<std::string>& identifier) { identifier_ = identifier; }
 
+private:
+    struct EndpointTag {
+        explicit EndpointTag() = default;
+    };
+
+public:
+    // For an endpoint, which fills in every field itself for every decoded event (the defaults would be
+    // overwritten at once), in one allocation with its control block.
+    explicit VelmorAttributes(EndpointTag) {}
+
 protected:
     VelmorAttributes() = default;
-    // An endpoint fills in every field itself, for every decoded event: the defaults would be
-    // overwritten at once.
     friend class VelmorEndpoint;
 
 private:

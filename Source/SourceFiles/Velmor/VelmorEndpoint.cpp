@@ -158,7 +158,7 @@ std::shared_ptr<VelmorAttributes> VelmorEndpoint::attributes() const
 {
     // Every field comes from a getter, so the manager's defaults that init() would copy in first are
     // left out: this runs for every decoded event.
-    std::shared_ptr<VelmorAttributes> result(new VelmorAttributes);
+    auto result = std::make_shared<VelmorAttributes>(VelmorAttributes::EndpointTag {});
     result->name_ = name();
     result->model_ = model();
     result->manufacturer_ = manufacturer();
