@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
@@ -133,6 +134,120 @@ inline void readCardFacts(ClientFacts& facts)
     std::fclose(file);
 }
 
+// --- Sequencer events and MIDI bytes ---------------------------------------------------------------
+// The conversions need no sequencer, so that they can also run alone (the fuzz target does).
+
+// The MIDI bytes of one sequencer event. Exclusive bytes are taken as they are from `data` (the
+// event's variable-length part, copied out of libasound's buffer): that is all the coder would do.
+// Anything else goes through `decoder` into `coded`; the decoder also refuses what isn't MIDI
+// (subscription notices), which gives length 0.
+struct EventBytes {
+    const std::uint8_t* bytes = nullptr;
+    std::size_t length = 0;
+    bool exclusive = false;
+};
+EventBytes eventBytes(snd_midi_event_t* decoder, const snd_seq_event_t& event, const std::uint8_t* data,
+                      std::uint8_t (&coded)[16]);
+
+// One connection's exclusive message while the sequencer hands it over in pieces.
+struct ExclusiveJoiner {
+    std::vector<std::uint8_t> pending;
+    MIDITimeStamp pendingTimeStamp = 0;
+    std::size_t cap = kMaxPendingExclusive;  // the fuzz target lowers it
+
+    // Takes one event's bytes (not empty) and calls deliver(bytes, length, timeStamp) for each message
+    // that is whole now, in order. Real-time messages may come between the pieces; anything else
+    // delivers the unfinished one cut short.
+    template <class Deliver>
+    void take(const EventBytes& in, MIDITimeStamp timeStamp, Deliver&& deliver)
+    {
+        if (!pending.empty()) {
+            if (in.exclusive) {
+                pending.insert(pending.end(), in.bytes, in.bytes + in.length);
+                if (pending.back() == 0xF7 || pending.size() >= cap) {
+                    deliver(pending.data(), pending.size(), pendingTimeStamp);
+                    pending.clear();
+                    if (pending.capacity() > kListBytes)
+                        pending.shrink_to_fit();
+                }
+                return;
+            }
+            if (!in.exclusive && in.bytes[0] >= 0xF8) {
+                deliver(in.bytes, in.length, timeStamp);
+                return;
+            }
+            deliver(pending.data(), pending.size(), pendingTimeStamp);  // cut short
+            pending.clear();
+        }
+        if (in.exclusive && in.bytes[0] == 0xF0 && in.bytes[in.length - 1] != 0xF7 && in.length < cap) {
+            pending.assign(in.bytes, in.bytes + in.length);
+            pendingTimeStamp = timeStamp;
+            return;
+        }
+        deliver(in.bytes, in.length, timeStamp);
+    }
+};
+
+// A packet-list image being filled for one read procedure: messages go in as packets of at most
+// kMaxPacketBytes. It stays open for more until it is full, or until a message that the framework
+// would join with the next packet of its list (separate lists keep them apart).
+struct ListImage {
+    std::uint32_t count = 0;
+    bool open = false;
+    std::vector<std::uint8_t> image;
+
+    void start()
+    {
+        count = 0;
+        open = true;
+        image.assign(4, 0);
+    }
+    bool takes(std::size_t length) const { return open && image.size() + length <= kListBytes; }
+    void append(const std::uint8_t* bytes, std::size_t length, MIDITimeStamp timeStamp);
+};
+
+// Encodes the packets of a packet-list image of `size` bytes into sequencer events with `encoder`:
+// onPacket(timeStamp) before each packet's events, onEvent(event) for each event, which may return
+// false to stop. An exclusive event's bytes live in the encoder until the next encode. Each packet
+// starts afresh: no running status or half message carries over from another. False, with nothing
+// read past `size`, when a packet runs past it.
+template <class OnPacket, class OnEvent>
+bool encodePackets(snd_midi_event_t* encoder, const std::uint8_t* image, std::size_t size, OnPacket&& onPacket,
+                   OnEvent&& onEvent)
+{
+    if (size < 4)
+        return false;
+    std::uint32_t count = 0;
+    std::memcpy(&count, image, 4);
+    std::size_t at = 4;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        if (size - at < 10)
+            return false;
+        MIDITimeStamp timeStamp = 0;
+        std::uint16_t length = 0;
+        std::memcpy(&timeStamp, image + at, 8);
+        std::memcpy(&length, image + at + 8, 2);
+        at += 10;
+        if (size - at < length)
+            return false;
+        onPacket(timeStamp);
+        snd_midi_event_reset_encode(encoder);
+        const std::uint8_t* data = image + at;
+        for (std::size_t used = 0; used < length;) {
+            snd_seq_event_t event;
+            snd_seq_ev_clear(&event);
+            const long step = snd_midi_event_encode(encoder, data + used, long(length - used), &event);
+            if (step <= 0)
+                break;
+            used += std::size_t(step);
+            if (event.type != SND_SEQ_EVENT_NONE && !onEvent(event))
+                return true;
+        }
+        at += length;
+    }
+    return true;
+}
+
 } // namespace ALSAInternal
 
 // Only the service's own files include this header.
@@ -168,8 +283,7 @@ struct VelmorALSAMIDIService::State {
     struct Connection {
         void* refCon = nullptr;
         Address address;
-        std::vector<std::uint8_t> pendingExclusive;
-        MIDITimeStamp pendingTimeStamp = 0;
+        ExclusiveJoiner joiner;
     };
     struct InputPort {
         MIDIClientRef client = 0;
@@ -224,12 +338,9 @@ struct VelmorALSAMIDIService::State {
     // Packet-list images on their way to read procedures: one per connection and burst, in the
     // order of their first events. `listsUsed` of them are filled; the rest keep their buffers for
     // the next burst.
-    struct OutgoingList {
+    struct OutgoingList : ListImage {
         MIDIPortRef port = 0;
         MIDIEndpointRef source = 0;
-        std::uint32_t count = 0;
-        bool open = false;  // may take more packets
-        std::vector<std::uint8_t> image;
     };
     std::vector<OutgoingList> lists;
     std::size_t listsUsed = 0;
