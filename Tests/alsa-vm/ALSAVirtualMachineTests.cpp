@@ -781,6 +781,23 @@ int main(int argc, char** argv)
         std::printf("MEASURE: note round trip to a consumer on the main thread: %zu notes, median %.0f us, "
                     "p99 %.0f us, max %.0f us\n",
                     roundTrips.size(), p.median, p.p99, p.max);
+
+        // An exclusive message longer than one platform packet goes out in two; it must leave whole.
+        auto long_ = std::make_shared<Consumer>();
+        through->addConsumer(long_);
+        std::vector<std::uint8_t> exclusive(100000);
+        exclusive.front() = 0xF0;
+        for (std::size_t i = 1; i + 1 < exclusive.size(); ++i)
+            exclusive[i] = std::uint8_t(i * 5 % 128);
+        exclusive.back() = 0xF7;
+        throughOutput->sendEvent(
+            VelmorEvent::initWithDataSourceTimeStampTimeOffset(VelmorData(exclusive), nullptr, 0, 0));
+        serveUntil([&] { return !long_->events.empty(); }, 5000ms);
+        check(long_->events.size() == 1 && bytesOf(long_->events[0]) == exclusive,
+              "a 100000-byte exclusive message sent through Midi Through arrives whole",
+              std::to_string(long_->events.size()) + " events, first " +
+                  std::to_string(long_->events.empty() ? 0 : bytesOf(long_->events[0]).size()) + " bytes");
+        through->removeConsumer(long_);
     }
 
     // --- Unplug while a consumer listens; plug in again ----------------------------------------------

@@ -156,13 +156,13 @@ struct ExclusiveJoiner {
     std::size_t cap = kMaxPendingExclusive;  // the fuzz target lowers it
 
     // Takes one event's bytes (not empty) and calls deliver(bytes, length, timeStamp) for each message
-    // that is whole now, in order. Real-time messages may come between the pieces; anything else
-    // delivers the unfinished one cut short.
+    // that is whole now, in order. Real-time messages may come between the pieces; anything else,
+    // the start of another exclusive message too, delivers the unfinished one cut short.
     template <class Deliver>
     void take(const EventBytes& in, MIDITimeStamp timeStamp, Deliver&& deliver)
     {
         if (!pending.empty()) {
-            if (in.exclusive) {
+            if (in.exclusive && in.bytes[0] != 0xF0) {
                 pending.insert(pending.end(), in.bytes, in.bytes + in.length);
                 if (pending.back() == 0xF7 || pending.size() >= cap) {
                     deliver(pending.data(), pending.size(), pendingTimeStamp);
@@ -206,11 +206,17 @@ struct ListImage {
     void append(const std::uint8_t* bytes, std::size_t length, MIDITimeStamp timeStamp);
 };
 
-// Encodes the packets of a packet-list image of `size` bytes into sequencer events with `encoder`:
-// onPacket(timeStamp) before each packet's events, onEvent(event) for each event, which may return
-// false to stop. An exclusive event's bytes live in the encoder until the next encode. Each packet
-// starts afresh: no running status or half message carries over from another. False, with nothing
-// read past `size`, when a packet runs past it.
+// Exclusive bytes go out as they are, in events of at most this many bytes (the coder's own piece).
+inline constexpr std::size_t kExclusivePiece = 256;
+
+// Encodes the packets of a packet-list image of `size` bytes into sequencer events: onPacket(timeStamp)
+// before each packet's events, onEvent(event) for each event, which may return false to stop. An
+// exclusive event's bytes point into the image. False, with nothing read past `size`, when a packet
+// runs past it.
+// Each packet starts the coder afresh: no running status or half message carries over. Exclusive bytes
+// bypass the coder, which would keep an unfinished message's last piece until the next packet resets
+// it; so a message the framework cut over several packets (longer than one packet holds) goes out
+// whole, and so does an unfinished one.
 template <class OnPacket, class OnEvent>
 bool encodePackets(snd_midi_event_t* encoder, const std::uint8_t* image, std::size_t size, OnPacket&& onPacket,
                    OnEvent&& onEvent)
@@ -220,6 +226,7 @@ bool encodePackets(snd_midi_event_t* encoder, const std::uint8_t* image, std::si
     std::uint32_t count = 0;
     std::memcpy(&count, image, 4);
     std::size_t at = 4;
+    bool inExclusive = false;  // the next data bytes continue an exclusive message
     for (std::uint32_t i = 0; i < count; ++i) {
         if (size - at < 10)
             return false;
@@ -233,13 +240,41 @@ bool encodePackets(snd_midi_event_t* encoder, const std::uint8_t* image, std::si
         onPacket(timeStamp);
         snd_midi_event_reset_encode(encoder);
         const std::uint8_t* data = image + at;
+        std::size_t nextStart = 0;  // where the next exclusive message starts, once looked for
         for (std::size_t used = 0; used < length;) {
+            const std::uint8_t byte = data[used];
             snd_seq_event_t event;
             snd_seq_ev_clear(&event);
-            const long step = snd_midi_event_encode(encoder, data + used, long(length - used), &event);
-            if (step <= 0)
-                break;
-            used += std::size_t(step);
+            if (byte == 0xF0 || (inExclusive && (byte < 0x80 || byte == 0xF7))) {
+                std::size_t end = used + 1;
+                if (byte != 0xF7) {
+                    while (end < length && end - used < kExclusivePiece && data[end] < 0x80)
+                        ++end;
+                    if (end < length && end - used < kExclusivePiece && data[end] == 0xF7)
+                        ++end;
+                }
+                inExclusive = data[end - 1] != 0xF7;
+                snd_seq_ev_set_sysex(&event, unsigned(end - used), const_cast<std::uint8_t*>(data + used));
+                used = end;
+                snd_midi_event_reset_encode(encoder);  // an exclusive message ends running status
+            } else {
+                // The coder takes what comes before the next exclusive message; a real-time message
+                // inside one goes alone.
+                std::size_t stop = used + 1;
+                if (byte < 0xF8 || !inExclusive) {
+                    if (byte >= 0x80 && byte < 0xF8)
+                        inExclusive = false;  // another message cuts it short
+                    if (nextStart <= used) {
+                        const void* next = std::memchr(data + used, 0xF0, length - used);
+                        nextStart = next ? std::size_t(static_cast<const std::uint8_t*>(next) - data) : length;
+                    }
+                    stop = nextStart;
+                }
+                const long step = snd_midi_event_encode(encoder, data + used, long(stop - used), &event);
+                if (step <= 0)
+                    break;
+                used += std::size_t(step);
+            }
             if (event.type != SND_SEQ_EVENT_NONE && !onEvent(event))
                 return true;
         }
