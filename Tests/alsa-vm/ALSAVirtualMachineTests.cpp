@@ -782,22 +782,36 @@ int main(int argc, char** argv)
                     "p99 %.0f us, max %.0f us\n",
                     roundTrips.size(), p.median, p.p99, p.max);
 
-        // An exclusive message longer than one platform packet goes out in two; it must leave whole.
-        auto long_ = std::make_shared<Consumer>();
-        through->addConsumer(long_);
-        std::vector<std::uint8_t> exclusive(100000);
-        exclusive.front() = 0xF0;
-        for (std::size_t i = 1; i + 1 < exclusive.size(); ++i)
-            exclusive[i] = std::uint8_t(i * 5 % 128);
-        exclusive.back() = 0xF7;
-        throughOutput->sendEvent(
-            VelmorEvent::initWithDataSourceTimeStampTimeOffset(VelmorData(exclusive), nullptr, 0, 0));
-        serveUntil([&] { return !long_->events.empty(); }, 5000ms);
-        check(long_->events.size() == 1 && bytesOf(long_->events[0]) == exclusive,
-              "a 100000-byte exclusive message sent through Midi Through arrives whole",
-              std::to_string(long_->events.size()) + " events, first " +
-                  std::to_string(long_->events.empty() ? 0 : bytesOf(long_->events[0]).size()) + " bytes");
-        through->removeConsumer(long_);
+        // Exclusive messages sent: an unfinished one goes out too, and the next one, in several events,
+        // neither joins it nor loses a byte.
+        auto exclusiveProbe = std::make_shared<Consumer>();
+        through->addConsumer(exclusiveProbe);
+        const std::vector<std::uint8_t> unfinished {0xF0, 0x01, 0x02, 0x03};
+        std::vector<std::uint8_t> whole(600);
+        whole.front() = 0xF0;
+        for (std::size_t i = 1; i + 1 < whole.size(); ++i)
+            whole[i] = std::uint8_t(i * 5 % 128);
+        whole.back() = 0xF7;
+        for (const auto& bytes : {unfinished, whole})
+            throughOutput->sendEvent(VelmorEvent::initWithDataSourceTimeStampTimeOffset(VelmorData(bytes), nullptr, 0, 0));
+        throughOutput->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(63, 1, 1, 0));
+        const auto& sent = exclusiveProbe->events;
+        serveUntil([&] { return !sent.empty() && sent.back()->type() == VelmorEventTypeNoteOn; }, 2000ms);
+        std::vector<std::vector<std::uint8_t>> arrived;
+        for (auto& event : sent)
+            arrived.push_back(bytesOf(event));
+        const bool cut = std::any_of(arrived.begin(), arrived.end(), [&](auto& bytes) {
+            return bytes.size() >= unfinished.size() && std::equal(unfinished.begin(), unfinished.end(), bytes.begin());
+        });
+        check(cut && std::count(arrived.begin(), arrived.end(), whole) == 1 && sent.back()->note() == 63,
+              "an unfinished exclusive message is sent, and a 600-byte one after it arrives whole",
+              std::to_string(arrived.size()) + " events, sizes " + [&] {
+                  std::string sizes;
+                  for (auto& bytes : arrived)
+                      sizes += std::to_string(bytes.size()) + " ";
+                  return sizes;
+              }());
+        through->removeConsumer(exclusiveProbe);
     }
 
     // --- Unplug while a consumer listens; plug in again ----------------------------------------------
