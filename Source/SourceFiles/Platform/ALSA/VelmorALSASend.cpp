@@ -77,8 +77,8 @@ std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDISer
     return result;
 }
 
-// Encodes every packet with libasound's coder and sends the events from `seqPort`, to `destination` or,
-// without one, to the port's subscribers.
+// Encodes every packet (encodePackets, with a reused coder) and sends the events from `seqPort`, to
+// `destination` or, without one, to the port's subscribers.
 static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, std::optional<Address> destination,
                             const MIDIPacketList* list)
 {
