@@ -131,10 +131,13 @@ struct Receiver {
             // A list is closed once full: only a single message may make it bigger.
             if (messagesIn[i] > 1 && image.size() > kListBytes + 10)
                 fail("a list past its size");
+            // Read whole; the accessors of a few packets are enough (PacketFuzzer reads them all),
+            // since a long run of status bytes makes thousands.
             if (auto list = VelmorPacketList::initWithMIDIPacketList(asPacketList(image))) {
-                volatile std::size_t sum = list->description().size();
+                volatile std::size_t sum = list->packets().size();
+                std::size_t touched = 0;
                 for (const auto& packet : list->packets())
-                    sum = sum + touchPacket(packet);
+                    sum = sum + (++touched <= 16 ? touchPacket(packet) : packet->length());
             }
         }
     }
