@@ -209,6 +209,34 @@ TEST(MainQueue, RunForAndRunUntilServeAndTimeOut)
     EXPECT_TRUE(queue.runUntil([&] { return ran == 2; }, std::chrono::nanoseconds::max()));
 }
 
+TEST(MainQueue, ServingEndsOnTimeUnderABacklogThatNeverEmpties)
+{
+    auto& queue = VelmorMainQueue::mainQueue();
+    queue.runPending();
+    // Each item posts the next, so the queue is never empty while it is served.
+    std::atomic<long> ran {0};
+    bool keepGoing = true;
+    std::function<void()> again = [&] {
+        ++ran;
+        if (keepGoing)
+            queue.post(again);
+    };
+    queue.post(again);
+    auto start = std::chrono::steady_clock::now();
+    queue.runFor(30ms);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, 30ms);
+    EXPECT_LT(took, 2s);
+    EXPECT_GT(ran.load(), 1);
+
+    // Nothing runs when the time is already up.
+    const long before = ran.load();
+    EXPECT_FALSE(queue.runUntil([] { return false; }, 0ms));
+    EXPECT_EQ(before, ran.load());
+    keepGoing = false;
+    queue.runPending();  // the one item still waiting refers to this frame
+}
+
 TEST(Once, RunsOnceAndLatecomersWaitForTheEnd)
 {
     static VelmorOnceToken token;

@@ -221,6 +221,7 @@ void peerExclusive(snd_seq_t* seq, int port)
     shared->receiverClient = snd_seq_client_id(in);
     shared->receiverPort = inPort;
     std::thread([in] {
+        pthread_setname_np(pthread_self(), "peer-recv");
         for (;;) {
             snd_seq_event_t* event = nullptr;
             if (snd_seq_event_input(in, &event) >= 0 && event && event->type == SND_SEQ_EVENT_NOTEON)
@@ -348,6 +349,7 @@ struct Contender {
     std::function<void()> startReceiving, stopReceiving;
     std::function<void()> serve;  // called on the main thread while a trial waits
     std::function<void(long)> sendNotes;  // empty: this one doesn't send
+    bool receives = true;
 };
 
 // Velmor, on the main thread: the application's path.
@@ -367,6 +369,29 @@ void readProc(const MIDIPacketList* list, void*, void*)
 {
     forEachPacket(list, [](const std::uint8_t* data, std::size_t length) {
         bytesArrived(data, length, reception.exclusiveNs);
+    });
+}
+
+// Experiment: the hop alone, bytes copied into a std::function.
+void bareHopReadProc(const MIDIPacketList* list, void*, void*)
+{
+    forEachPacket(list, [](const std::uint8_t* data, std::size_t length) {
+        if (length == 3) {
+            const unsigned note = data[1], velocity = data[2];
+            VelmorMainQueue::mainQueue().post([note, velocity] { noteArrived(note, velocity); });
+        }
+    });
+}
+// Experiment: the hop with a packet list, decoded on the main thread without a source.
+void listHopReadProc(const MIDIPacketList* list, void*, void*)
+{
+    auto packets = VelmorPacketList::initWithMIDIPacketList(list);
+    VelmorMainQueue::mainQueue().post([packets] {
+        for (const auto& packet : packets->packets()) {
+            auto event = VelmorEvent::eventWithPacket(packet);
+            if (event && event->type() == VelmorEventTypeNoteOn)
+                noteArrived(unsigned(event->note()), unsigned(event->velocity()));
+        }
     });
 }
 
@@ -520,6 +545,10 @@ void resetReception(Mode mode, long target)
 
 void trialReceive(benchmark::State& state, Contender& contender)
 {
+    if (!contender.receives) {
+        state.SkipWithError("does not receive");
+        return;
+    }
     for (auto _ : state) {
         resetReception(Mode::Count, kReceiveCount);
         contender.startReceiving();
@@ -545,6 +574,10 @@ void trialReceive(benchmark::State& state, Contender& contender)
 
 void trialLatency(benchmark::State& state, Contender& contender)
 {
+    if (!contender.receives) {
+        state.SkipWithError("does not receive");
+        return;
+    }
     for (auto _ : state) {
         resetReception(Mode::Latency, kLatencyCount);
         reception.latencyNs.assign(std::size_t(kLatencyCount), -1);
@@ -614,12 +647,18 @@ void trialLatencySplit(benchmark::State& state, Contender& contender, MIDIPortRe
 
 void trialSend(benchmark::State& state, Contender& contender)
 {
+    if (!contender.sendNotes) {
+        state.SkipWithError("does not send");
+        return;
+    }
     for (auto _ : state) {
         tellPeer(Command::ResetReceived);
         while (!shared->senderDone.load())
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         const std::int64_t start = nowNs();
+        rusage before {}; getrusage(RUSAGE_THREAD, &before);
         contender.sendNotes(kSendCount);
+        rusage after {}; getrusage(RUSAGE_THREAD, &after);
         const double seconds = double(nowNs() - start) / 1e9;
         // Whatever is still on its way gets a moment.
         const std::int64_t deadline = nowNs() + 3000000000;
@@ -629,6 +668,8 @@ void trialSend(benchmark::State& state, Contender& contender)
         state.SetIterationTime(seconds);
         state.counters["us_per_call"] = seconds * 1e6 / double(kSendCount);
         state.counters["lost"] = double(kSendCount - arrived);
+        // On one CPU the receiver preempts the sender: how often tells more than the time alone.
+        state.counters["preempted_per_call"] = double(after.ru_nivcsw - before.ru_nivcsw) / double(kSendCount);
         state.counters["refused"] = double(plain.refused.exchange(0));
         record("send", contender.name, seconds * 1e6 / double(kSendCount));
         losses["send"][contender.name] += kSendCount - arrived;
@@ -747,8 +788,10 @@ int main(int argc, char** argv)
     }
     shared = new (memory) Shared;
     const pid_t peer = fork();
-    if (peer == 0)
+    if (peer == 0) {
+        pthread_setname_np(pthread_self(), "peer");
         peerMain();
+    }
     for (int i = 0; i < 5000 && !shared->ready.load(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (!shared->ready.load()) {
@@ -801,6 +844,26 @@ int main(int argc, char** argv)
                               for (long i = 0; i < count; ++i)
                                   output->sendEvent(sendEvent);
                           }});
+    MIDIPortRef bareHopPort = 0, listHopPort = 0;
+    MIDIInputPortCreate(manager->client()->client(), "Peer bare hop", &bareHopReadProc, nullptr, &bareHopPort);
+    MIDIInputPortCreate(manager->client()->client(), "Peer list hop", &listHopReadProc, nullptr, &listHopPort);
+    // PEER_EXPERIMENT=1 adds contenders that take the roads apart: the main-queue hop alone (the bytes
+    // posted from the service thread), the hop with a packet list decoded on the main thread, and a
+    // ready list sent after one clock read (what stamping an event with the time costs the sender).
+    if (std::getenv("PEER_EXPERIMENT")) {
+        contenders.push_back({"X main-queue hop", [&] { MIDIPortConnectSource(bareHopPort, source->object(), nullptr); },
+                              [&] { VelmorMainQueue::mainQueue().runFor(std::chrono::milliseconds(20)); MIDIPortDisconnectSource(bareHopPort, source->object()); }, serveMainQueue, {}});
+        contenders.push_back({"X packet-list hop", [&] { MIDIPortConnectSource(listHopPort, source->object(), nullptr); },
+                              [&] { VelmorMainQueue::mainQueue().runFor(std::chrono::milliseconds(20)); MIDIPortDisconnectSource(listHopPort, source->object()); }, serveMainQueue, {}});
+        contenders.push_back({"X ready list + clock read", [] {}, [] {}, sleepBriefly, [&](long count) {
+                                  const auto* list = reinterpret_cast<const MIDIPacketList*>(sendImage.bytes());
+                                  for (long i = 0; i < count; ++i) {
+                                      benchmark::DoNotOptimize(AudioGetCurrentHostTime());
+                                      MIDISend(manager->outputPort(), output->object(), list);
+                                  }
+                              },
+                              false});
+    }
     contenders.push_back({"Velmor read proc", [&] { MIDIPortConnectSource(readPort, source->object(), nullptr); },
                           [&] { MIDIPortDisconnectSource(readPort, source->object()); }, sleepBriefly,
                           [&](long count) {
@@ -865,6 +928,10 @@ int main(int argc, char** argv)
         })->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
     }
     registerTrials("exclusive", [&](benchmark::State& state, Contender& contender) {
+        if (contender.name.rfind("X ", 0) == 0) {
+            state.SkipWithError("an experiment: notes only");
+            return;
+        }
         trialExclusive(state, contender, &contender == &contenders[0], probePort, source->object());
     });
 

@@ -149,7 +149,7 @@ build() {
         rm -f "$R/bin/${p##*/}"  # a busybox link of that name: cp would write through it
         cp "$p" "$R/bin/"
     done
-    if [ -z "$VM_SANITIZE" ]; then
+    if [ -z "$VM_SANITIZE" ] && [ -z "${VM_NOSTRIP:-}" ]; then
         for p in $JOB_PROGRAMS; do strip "$R/bin/$p" 2>/dev/null || true; done
     fi
     mkdir -p "$R/jobs"

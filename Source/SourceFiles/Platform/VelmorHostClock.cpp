@@ -14,10 +14,20 @@ std::uint64_t AudioConvertNanosToHostTime(std::uint64_t nanos)
     return nanos / 125 * 3 + ((nanos % 125) * 3 + 124) / 125;
 }
 
+namespace {
+thread_local std::uint64_t latestOnThisThread = 0;
+}
+
+std::uint64_t VelmorLatestHostTimeOnThisThread()
+{
+    return latestOnThisThread;
+}
+
 std::uint64_t AudioGetCurrentHostTime()
 {
     timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const std::uint64_t nanos = std::uint64_t(now.tv_sec) * 1000000000u + std::uint64_t(now.tv_nsec);
-    return nanos / 125 * 3 + (nanos % 125) * 3 / 125;
+    latestOnThisThread = nanos / 125 * 3 + (nanos % 125) * 3 / 125;
+    return latestOnThisThread;
 }

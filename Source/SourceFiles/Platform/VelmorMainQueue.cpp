@@ -1,6 +1,10 @@
 #include "VelmorMainQueue.h"
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <sys/eventfd.h>
+#include <cerrno>
+#include <ctime>
 #include <unistd.h>
 
 namespace {
@@ -98,11 +102,14 @@ void VelmorMainQueue::push(VelmorMainQueueItem* item, bool urgent)
         }
         setSignalled(true);
         // Only a sleeping server needs the kernel's help; a busy one finds the item by itself.
-        wake = sleeping_;
-        sleeping_ = false;
+        wake = sleeping_.load(std::memory_order_relaxed);
+        if (wake) {
+            sleeping_.store(false, std::memory_order_release);
+            wakeSequence_.fetch_add(1, std::memory_order_release);
+        }
     }
     if (wake)
-        posted_.notify_one();
+        syscall(SYS_futex, &wakeSequence_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 bool VelmorMainQueue::runOne()
@@ -157,24 +164,58 @@ bool VelmorMainQueue::runUntil(const std::function<bool()>& condition, std::chro
     const auto deadline = timeout >= std::chrono::steady_clock::time_point::max() - now
                               ? std::chrono::steady_clock::time_point::max()
                               : now + std::chrono::duration_cast<std::chrono::steady_clock::duration>(timeout);
+    // The clock is read every few items of a backlog and not at all around a sleep (the wait's own
+    // deadline ends it): one event at a time, clock reads were a good part of the hop.
+    constexpr unsigned kItemsBetweenClockReads = 16;
+    unsigned sinceClockRead = kItemsBetweenClockReads;
     for (;;) {
         if (condition())
             return true;
-        if (std::chrono::steady_clock::now() >= deadline)
-            break;
-        if (runOne())
+        if (sinceClockRead >= kItemsBetweenClockReads) {
+            if (std::chrono::steady_clock::now() >= deadline)
+                break;
+            sinceClockRead = 0;
+        }
+        if (runOne()) {
+            ++sinceClockRead;
             continue;
+        }
         // No spinning: on one processor a look-ahead loop takes time from the thread that feeds us.
         std::unique_lock<std::mutex> lock(mutex_);
-        if (items_.empty() && urgent_.empty()) {
-            sleeping_ = true;
-            const bool woken = posted_.wait_until(lock, deadline, [this] { return !items_.empty() || !urgent_.empty(); });
-            sleeping_ = false;
-            if (!woken)
-                break;
-        }
+        if (!items_.empty() || !urgent_.empty())
+            continue;
+        sleeping_.store(true, std::memory_order_relaxed);
+        const std::uint32_t sequence = wakeSequence_.load(std::memory_order_relaxed);
+        lock.unlock();
+        const bool woken = sleepUntil(sequence, deadline);
+        if (woken && !sleeping_.load(std::memory_order_acquire))
+            continue;  // a poster woke us and cleared the flag
+        lock.lock();
+        sleeping_.store(false, std::memory_order_relaxed);
+        if (!woken && items_.empty() && urgent_.empty())
+            break;
     }
     return condition();
+}
+
+// A futex on the wake sequence rather than a condition variable: a woken server takes no mutex before
+// it serves, and reads no clock. A post between the unlock and the wait changes the sequence, so the wait
+// returns at once.
+bool VelmorMainQueue::sleepUntil(std::uint32_t sequence, std::chrono::steady_clock::time_point deadline)
+{
+    timespec when {};
+    const timespec* timeout = nullptr;
+    if (deadline != std::chrono::steady_clock::time_point::max()) {
+        const auto since = deadline.time_since_epoch();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+        when.tv_sec = static_cast<time_t>(seconds.count());
+        when.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count());
+        timeout = &when;
+    }
+    // An absolute time on the monotonic clock, which is steady_clock's.
+    const long result = syscall(SYS_futex, &wakeSequence_, FUTEX_WAIT_BITSET_PRIVATE, sequence, timeout, nullptr,
+                                FUTEX_BITSET_MATCH_ANY);
+    return !(result == -1 && errno == ETIMEDOUT);
 }
 
 std::size_t VelmorMainQueue::pendingCount() const

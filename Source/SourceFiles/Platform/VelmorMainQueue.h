@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -77,6 +76,9 @@ private:
     void push(VelmorMainQueueItem* item, bool urgent);
     bool runOne();
     void setSignalled(bool signalled) const;  // caller holds mutex_
+    // Sleeps until a poster moves wakeSequence_ on from `sequence`, or `deadline`; false when the
+    // deadline passed.
+    bool sleepUntil(std::uint32_t sequence, std::chrono::steady_clock::time_point deadline);
 
     // The serving side takes every pending item under one lock and runs them from `taken_` before it
     // looks at `items_` again, so that posters and the server meet once per batch. Lock order:
@@ -84,11 +86,11 @@ private:
     mutable std::mutex servingMutex_;
     List taken_;  // guarded by servingMutex_; older than every item in items_
     mutable std::mutex mutex_;
-    std::condition_variable posted_;
-    List items_;   // guarded by mutex_, as are urgent_, sleeping_ and signalled_
+    std::atomic<std::uint32_t> wakeSequence_ {0};  // moved on by a poster that wakes the server
+    List items_;   // guarded by mutex_, as are urgent_ and signalled_; sleeping_ is written under it
     List urgent_;
     std::atomic<bool> urgentPending_ {false};  // !urgent_.empty(), for a look without the lock
-    bool sleeping_ = false;  // the server waits on posted_: a poster wakes it
+    std::atomic<bool> sleeping_ {false};  // the server sleeps on wakeSequence_: a poster wakes it and clears it
     std::uint64_t passes_ = 0;  // guarded by servingMutex_
     int eventFd_ = -1;
     mutable bool signalled_ = false;

@@ -83,6 +83,9 @@ public:
 
 protected:
     VelmorAttributes() = default;
+    // An endpoint fills in every field itself, for every decoded event: the defaults would be
+    // overwritten at once.
+    friend class VelmorEndpoint;
 
 private:
     std::optional<std::string> name_;

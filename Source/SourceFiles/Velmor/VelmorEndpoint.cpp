@@ -156,15 +156,14 @@ bool VelmorEndpoint::matchesAttributesOptions(const std::shared_ptr<VelmorAttrib
 
 std::shared_ptr<VelmorAttributes> VelmorEndpoint::attributes() const
 {
-    // Plain setters on a fresh value: this runs for every decoded event.
-    auto result = VelmorAttributes::init();
-    if (!result)
-        return nullptr;
-    result->setName(name());
-    result->setModel(model());
-    result->setManufacturer(manufacturer());
-    result->setIdentifier(identifier());
+    // Every field comes from a getter, so the manager's defaults that init() would copy in first are
+    // left out: this runs for every decoded event.
+    std::shared_ptr<VelmorAttributes> result(new VelmorAttributes);
+    result->name_ = name();
+    result->model_ = model();
+    result->manufacturer_ = manufacturer();
+    result->identifier_ = identifier();
     if (const std::int64_t id = uniqueID(); id != 0)
-        result->setUniqueID(id);
+        result->uniqueID_ = id;
     return result;
 }

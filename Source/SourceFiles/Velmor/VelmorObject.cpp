@@ -92,8 +92,10 @@ std::optional<std::string> VelmorObject::readCachedString(std::string_view prope
     if (status == noErr) {
         if (!value)
             return std::nullopt;
-        cache = std::move(value);
-        return cache;
+        // Read for every decoded event, and nearly always unchanged: compare rather than copy.
+        if (cache != value)
+            cache = value;
+        return value;
     }
     // -50: the platform no longer knows the object; answer as a closed one would.
     if (status == kMIDIParamErr)

@@ -98,7 +98,10 @@ bool VelmorALSAMIDIService::State::open()
         std::lock_guard<std::mutex> lock(mutex);
         publishSnapshots();
     }
-    thread = std::thread([this] { run(); });
+    thread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "Velmor ALSA");  // for top, perf and debuggers
+        run();
+    });
     return true;
 }
 
@@ -107,7 +110,14 @@ bool VelmorALSAMIDIService::State::open()
 void VelmorALSAMIDIService::State::run()
 {
     threadID = std::this_thread::get_id();
-    auto lastRescan = std::chrono::steady_clock::now();
+    // The rescan's timer needs no precision: the coarse clock reads a kernel variable, where the precise
+    // one reads the processor's counter once per wake-up on the MIDI road.
+    auto coarseNow = [] {
+        timespec now {};
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    auto lastRescan = coarseNow();
     while (!stopping) {
         inputDescriptors[0] = pollfd {wakeFd, POLLIN, 0};
         bool pending = false;
@@ -159,9 +169,9 @@ void VelmorALSAMIDIService::State::run()
             overruns = 0;
             resync();
         }
-        if (std::chrono::steady_clock::now() - lastRescan >= std::chrono::milliseconds(kRescanMs)) {
+        if (coarseNow() - lastRescan >= std::chrono::milliseconds(kRescanMs)) {
             rescan();
-            lastRescan = std::chrono::steady_clock::now();
+            lastRescan = coarseNow();
         }
         dispatch();
         // A burst of a huge exclusive message leaves big buffers behind: don't keep them for good.

@@ -6,7 +6,9 @@ namespace VelmorPlatform {
 
 bool VelmorALSAMIDIService::State::scheduleTime(MIDITimeStamp timeStamp, snd_seq_real_time_t* out) const
 {
-    if (timeStamp == 0 || timeStamp <= AudioGetCurrentHostTime() || timeStamp <= queueBaseHostTime)
+    // A packet stamped "now" by the sender's own thread is in the past without another clock read.
+    if (timeStamp == 0 || timeStamp <= VelmorLatestHostTimeOnThisThread() || timeStamp <= queueBaseHostTime ||
+        timeStamp <= AudioGetCurrentHostTime())
         return false;
     const std::uint64_t nanos = AudioConvertHostTimeToNanos(timeStamp - queueBaseHostTime);
     out->tv_sec = unsigned(nanos / 1000000000u);

@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <shared_mutex>  // std::shared_lock
+#include <pthread.h>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -215,7 +216,10 @@ class Dispatcher : public std::enable_shared_from_this<Dispatcher> {
 public:
     void start()
     {
-        thread_ = std::thread([self = shared_from_this()] { self->run(); });
+        thread_ = std::thread([self = shared_from_this()] {
+            pthread_setname_np(pthread_self(), "Velmor service");  // for top, perf and debuggers
+            self->run();
+        });
         threadId_ = thread_.get_id();
     }
 

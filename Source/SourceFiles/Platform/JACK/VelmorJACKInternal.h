@@ -21,6 +21,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <pthread.h>
 #include <thread>
 #include <vector>
 

@@ -118,7 +118,10 @@ bool VelmorJACKMIDIService::State::open(const std::string& name, const std::stri
     }
     static const bool registered = [] { return std::atexit(shutDownAtExit) == 0; }();
     (void)registered;
-    thread = std::thread([this] { run(); });
+    thread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "Velmor JACK");  // for top, perf and debuggers
+        run();
+    });
     return true;
 }
 
