@@ -781,6 +781,37 @@ int main(int argc, char** argv)
         std::printf("MEASURE: note round trip to a consumer on the main thread: %zu notes, median %.0f us, "
                     "p99 %.0f us, max %.0f us\n",
                     roundTrips.size(), p.median, p.p99, p.max);
+
+        // Exclusive messages sent: an unfinished one goes out too, and the next one, in several events,
+        // neither joins it nor loses a byte.
+        auto exclusiveProbe = std::make_shared<Consumer>();
+        through->addConsumer(exclusiveProbe);
+        const std::vector<std::uint8_t> unfinished {0xF0, 0x01, 0x02, 0x03};
+        std::vector<std::uint8_t> whole(600);
+        whole.front() = 0xF0;
+        for (std::size_t i = 1; i + 1 < whole.size(); ++i)
+            whole[i] = std::uint8_t(i * 5 % 128);
+        whole.back() = 0xF7;
+        for (const auto& bytes : {unfinished, whole})
+            throughOutput->sendEvent(VelmorEvent::initWithDataSourceTimeStampTimeOffset(VelmorData(bytes), nullptr, 0, 0));
+        throughOutput->sendEvent(VelmorEvent::noteOnEventWithNoteVelocityChannelTimeOffset(63, 1, 1, 0));
+        const auto& sent = exclusiveProbe->events;
+        serveUntil([&] { return !sent.empty() && sent.back()->type() == VelmorEventTypeNoteOn; }, 2000ms);
+        std::vector<std::vector<std::uint8_t>> arrived;
+        for (auto& event : sent)
+            arrived.push_back(bytesOf(event));
+        const bool cut = std::any_of(arrived.begin(), arrived.end(), [&](auto& bytes) {
+            return bytes.size() >= unfinished.size() && std::equal(unfinished.begin(), unfinished.end(), bytes.begin());
+        });
+        check(cut && std::count(arrived.begin(), arrived.end(), whole) == 1 && sent.back()->note() == 63,
+              "an unfinished exclusive message is sent, and a 600-byte one after it arrives whole",
+              std::to_string(arrived.size()) + " events, sizes " + [&] {
+                  std::string sizes;
+                  for (auto& bytes : arrived)
+                      sizes += std::to_string(bytes.size()) + " ";
+                  return sizes;
+              }());
+        through->removeConsumer(exclusiveProbe);
     }
 
     // --- Unplug while a consumer listens; plug in again ----------------------------------------------

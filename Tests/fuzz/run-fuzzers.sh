@@ -9,11 +9,14 @@ cd "$(dirname "$0")/../.."
 seconds=${1:-600}
 shift || true
 targets=("$@")
+cmake --preset fuzz >/dev/null
 if [ ${#targets[@]} -eq 0 ]; then
   targets=(PacketFuzzer AttributesFuzzer ReceiveFuzzer)
+  # Built where libasound is found.
+  if [[ " $(cmake --build --preset fuzz --target help) " == *" ALSAEventFuzzer"* ]]; then
+    targets+=(ALSAEventFuzzer)
+  fi
 fi
-
-cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j2 --target "${targets[@]}"
 
 status=0

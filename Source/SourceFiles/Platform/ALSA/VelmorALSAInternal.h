@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
@@ -134,6 +135,155 @@ inline void readCardFacts(ClientFacts& facts)
     std::fclose(file);
 }
 
+// --- Sequencer events and MIDI bytes ---------------------------------------------------------------
+// The conversions need no sequencer, so that they can also run alone (the fuzz target does).
+
+// The MIDI bytes of one sequencer event. Exclusive bytes are taken as they are from `data` (the
+// event's variable-length part, copied out of libasound's buffer): that is all the coder would do.
+// Anything else goes through `decoder` into `coded`; the decoder also refuses what isn't MIDI
+// (subscription notices), which gives length 0.
+struct EventBytes {
+    const std::uint8_t* bytes = nullptr;
+    std::size_t length = 0;
+    bool exclusive = false;
+};
+EventBytes eventBytes(snd_midi_event_t* decoder, const snd_seq_event_t& event, const std::uint8_t* data,
+                      std::uint8_t (&coded)[16]);
+
+// One connection's exclusive message while the sequencer hands it over in pieces.
+struct ExclusiveJoiner {
+    std::vector<std::uint8_t> pending;
+    MIDITimeStamp pendingTimeStamp = 0;
+    std::size_t cap = kMaxPendingExclusive;  // the fuzz target lowers it
+
+    // Takes one event's bytes (not empty) and calls deliver(bytes, length, timeStamp) for each message
+    // that is whole now, in order. Real-time messages may come between the pieces; anything else,
+    // the start of another exclusive message too, delivers the unfinished one cut short.
+    template <class Deliver>
+    void take(const EventBytes& in, MIDITimeStamp timeStamp, Deliver&& deliver)
+    {
+        if (!pending.empty()) {
+            if (in.exclusive && in.bytes[0] != 0xF0) {
+                pending.insert(pending.end(), in.bytes, in.bytes + in.length);
+                if (pending.back() == 0xF7 || pending.size() >= cap) {
+                    deliver(pending.data(), pending.size(), pendingTimeStamp);
+                    pending.clear();
+                    if (pending.capacity() > kListBytes)
+                        pending.shrink_to_fit();
+                }
+                return;
+            }
+            if (!in.exclusive && in.bytes[0] >= 0xF8) {
+                deliver(in.bytes, in.length, timeStamp);
+                return;
+            }
+            deliver(pending.data(), pending.size(), pendingTimeStamp);  // cut short
+            pending.clear();
+        }
+        if (in.exclusive && in.bytes[0] == 0xF0 && in.bytes[in.length - 1] != 0xF7 && in.length < cap) {
+            pending.assign(in.bytes, in.bytes + in.length);
+            pendingTimeStamp = timeStamp;
+            return;
+        }
+        deliver(in.bytes, in.length, timeStamp);
+    }
+};
+
+// A packet-list image being filled for one read procedure: messages go in as packets of at most
+// kMaxPacketBytes. It stays open for more until it is full, or until a message that the framework
+// would join with the next packet of its list (separate lists keep them apart).
+struct ListImage {
+    std::uint32_t count = 0;
+    bool open = false;
+    std::vector<std::uint8_t> image;
+
+    void start()
+    {
+        count = 0;
+        open = true;
+        image.assign(4, 0);
+    }
+    bool takes(std::size_t length) const { return open && image.size() + length <= kListBytes; }
+    void append(const std::uint8_t* bytes, std::size_t length, MIDITimeStamp timeStamp);
+};
+
+// Exclusive bytes go out as they are, in events of at most this many bytes (the coder's own piece).
+inline constexpr std::size_t kExclusivePiece = 256;
+
+// Encodes the packets of a packet-list image of `size` bytes into sequencer events: onPacket(timeStamp)
+// before each packet's events, onEvent(event) for each event, which may return false to stop. An
+// exclusive event's bytes point into the image. False, with nothing read past `size`, when a packet
+// runs past it.
+// Each packet starts the coder afresh: no running status or half message carries over. Exclusive bytes
+// bypass the coder, which would keep an unfinished message's last piece until the next packet resets
+// it; so a message the framework cut over several packets (longer than one packet holds) goes out
+// whole, and so does an unfinished one.
+template <class OnPacket, class OnEvent>
+bool encodePackets(snd_midi_event_t* encoder, const std::uint8_t* image, std::size_t size, OnPacket&& onPacket,
+                   OnEvent&& onEvent)
+{
+    if (size < 4)
+        return false;
+    std::uint32_t count = 0;
+    std::memcpy(&count, image, 4);
+    std::size_t at = 4;
+    bool inExclusive = false;  // the next data bytes continue an exclusive message
+    for (std::uint32_t i = 0; i < count; ++i) {
+        if (size - at < 10)
+            return false;
+        MIDITimeStamp timeStamp = 0;
+        std::uint16_t length = 0;
+        std::memcpy(&timeStamp, image + at, 8);
+        std::memcpy(&length, image + at + 8, 2);
+        at += 10;
+        if (size - at < length)
+            return false;
+        onPacket(timeStamp);
+        snd_midi_event_reset_encode(encoder);
+        const std::uint8_t* data = image + at;
+        std::size_t nextStart = 0;  // where the next exclusive message starts, once looked for
+        for (std::size_t used = 0; used < length;) {
+            const std::uint8_t byte = data[used];
+            snd_seq_event_t event;
+            snd_seq_ev_clear(&event);
+            if (byte == 0xF0 || (inExclusive && (byte < 0x80 || byte == 0xF7))) {
+                std::size_t end = used + 1;
+                if (byte != 0xF7) {
+                    while (end < length && end - used < kExclusivePiece && data[end] < 0x80)
+                        ++end;
+                    if (end < length && end - used < kExclusivePiece && data[end] == 0xF7)
+                        ++end;
+                }
+                inExclusive = data[end - 1] != 0xF7;
+                snd_seq_ev_set_sysex(&event, unsigned(end - used), const_cast<std::uint8_t*>(data + used));
+                used = end;
+                snd_midi_event_reset_encode(encoder);  // an exclusive message ends running status
+            } else {
+                // The coder takes what comes before the next exclusive message; a real-time message
+                // inside one goes alone.
+                std::size_t stop = used + 1;
+                if (byte < 0xF8 || !inExclusive) {
+                    if (byte >= 0x80 && byte < 0xF8)
+                        inExclusive = false;  // another message cuts it short
+                    if (nextStart <= used) {
+                        const void* next = std::memchr(data + used, 0xF0, length - used);
+                        nextStart = next ? std::size_t(static_cast<const std::uint8_t*>(next) - data) : length;
+                    }
+                    stop = nextStart;
+                }
+                const long step = snd_midi_event_encode(encoder, data + used, long(stop - used), &event);
+                if (step <= 0)
+                    break;
+                used += std::size_t(step);
+            }
+            if (event.type != SND_SEQ_EVENT_NONE && !onEvent(event))
+                return true;
+        }
+        at += length;
+    }
+    return true;
+}
+
 } // namespace ALSAInternal
 
 // Only the service's own files include this header.
@@ -169,8 +319,7 @@ struct VelmorALSAMIDIService::State {
     struct Connection {
         void* refCon = nullptr;
         Address address;
-        std::vector<std::uint8_t> pendingExclusive;
-        MIDITimeStamp pendingTimeStamp = 0;
+        ExclusiveJoiner joiner;
     };
     struct InputPort {
         MIDIClientRef client = 0;
@@ -225,12 +374,9 @@ struct VelmorALSAMIDIService::State {
     // Packet-list images on their way to read procedures: one per connection and burst, in the
     // order of their first events. `listsUsed` of them are filled; the rest keep their buffers for
     // the next burst.
-    struct OutgoingList {
+    struct OutgoingList : ListImage {
         MIDIPortRef port = 0;
         MIDIEndpointRef source = 0;
-        std::uint32_t count = 0;
-        bool open = false;  // may take more packets
-        std::vector<std::uint8_t> image;
     };
     std::vector<OutgoingList> lists;
     std::size_t listsUsed = 0;

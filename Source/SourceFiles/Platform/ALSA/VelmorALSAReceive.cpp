@@ -99,30 +99,54 @@ bool endsInsideMessage(const std::uint8_t* data, std::size_t length)
 
 } // namespace
 
+EventBytes ALSAInternal::eventBytes(snd_midi_event_t* decoder, const snd_seq_event_t& event, const std::uint8_t* data,
+                                   std::uint8_t (&coded)[16])
+{
+    EventBytes out;
+    if (event.type == SND_SEQ_EVENT_SYSEX) {
+        if (snd_seq_ev_is_variable(&event) && event.data.ext.len)
+            out = {data, event.data.ext.len, true};
+        return out;
+    }
+    snd_midi_event_reset_decode(decoder);
+    const long decoded = snd_midi_event_decode(decoder, coded, long(sizeof coded), &event);
+    if (decoded > 0)
+        out = {coded, std::size_t(decoded), false};
+    return out;
+}
+
+void ListImage::append(const std::uint8_t* bytes, std::size_t length, MIDITimeStamp timeStamp)
+{
+    const std::size_t packets = std::max<std::size_t>(1, (length + kMaxPacketBytes - 1) / kMaxPacketBytes);
+    std::size_t at = image.size();
+    image.resize(at + packets * 10 + length);
+    std::uint8_t* out = image.data();
+    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
+        const auto size = std::uint16_t(std::min(kMaxPacketBytes, length - offset));
+        std::memcpy(out + at, &timeStamp, 8);
+        std::memcpy(out + at + 8, &size, 2);
+        if (size)
+            std::memcpy(out + at + 10, bytes + offset, size);
+        at += 10 + size;
+        offset += size;
+    }
+    count += std::uint32_t(packets);
+    std::memcpy(out, &count, 4);
+    const std::size_t lastSize = length - (packets - 1) * kMaxPacketBytes;
+    if (endsInsideMessage(bytes + length - lastSize, lastSize))
+        open = false;
+}
+
 // Routes one MIDI event to its connection and adds its bytes to the list for that connection,
 // joining an exclusive message that the sequencer split into several events. Takes `lock` (the
 // model's mutex) if it isn't held yet and leaves it held, so that a run of events takes it once.
 void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, const std::uint8_t* data,
                                               std::unique_lock<std::mutex>& lock)
 {
-    // Exclusive bytes are taken as they are (that is all the coder would do); everything else goes
-    // through libasound's coder, which also refuses what isn't MIDI (subscription notices).
-    const bool exclusive = event.type == SND_SEQ_EVENT_SYSEX;
     std::uint8_t coded[16];
-    const std::uint8_t* bytes = coded;
-    std::size_t length = 0;
-    if (exclusive) {
-        if (!snd_seq_ev_is_variable(&event) || event.data.ext.len == 0)
-            return;
-        bytes = data;
-        length = event.data.ext.len;
-    } else {
-        snd_midi_event_reset_decode(decoder);
-        const long decoded = snd_midi_event_decode(decoder, coded, long(sizeof coded), &event);
-        if (decoded <= 0)
-            return;
-        length = std::size_t(decoded);
-    }
+    const EventBytes bytes = eventBytes(decoder, event, data, coded);
+    if (!bytes.length)
+        return;
     const MIDITimeStamp timeStamp = hostTimeOf(event);
 
     if (!lock.owns_lock())
@@ -139,44 +163,21 @@ void VelmorALSAMIDIService::State::handleMIDI(const snd_seq_event_t& event, cons
         return;
     const MIDIPortRef port = portIt->first;
     const MIDIEndpointRef source = connectionIt->first;
-    Connection& connection = connectionIt->second;
-    auto& pending = connection.pendingExclusive;
-    if (!pending.empty()) {
-        if (exclusive) {
-            pending.insert(pending.end(), bytes, bytes + length);
-            if (pending.back() == 0xF7 || pending.size() >= kMaxPendingExclusive) {
-                appendMessage(port, source, pending.data(), pending.size(), connection.pendingTimeStamp);
-                pending.clear();
-                if (pending.capacity() > kListBytes)
-                    pending.shrink_to_fit();
-            }
-            return;
-        }
-        if (bytes[0] >= 0xF8) {  // real-time messages may come between the pieces
-            appendMessage(port, source, bytes, length, timeStamp);
-            return;
-        }
-        appendMessage(port, source, pending.data(), pending.size(), connection.pendingTimeStamp);  // cut short
-        pending.clear();
-    }
-    if (exclusive && bytes[0] == 0xF0 && bytes[length - 1] != 0xF7) {
-        pending.assign(bytes, bytes + length);
-        connection.pendingTimeStamp = timeStamp;
-        return;
-    }
-    appendMessage(port, source, bytes, length, timeStamp);
+    connectionIt->second.joiner.take(bytes, timeStamp,
+                                     [&](const std::uint8_t* message, std::size_t length, MIDITimeStamp stamp) {
+                                         appendMessage(port, source, message, length, stamp);
+                                     });
 }
 
-// Adds one message to the list being filled for (port, source), as packets of at most 64 KiB. The
-// connection's next list begins when its list is full, and after a message that the framework would
-// join with the next packet of its list (which separate lists keep apart).
+// Adds one message to the list being filled for (port, source). The connection's next list begins
+// when its list no longer takes it.
 void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointRef source, const std::uint8_t* bytes,
                                                  std::size_t length, MIDITimeStamp timeStamp)
 {
     OutgoingList* list = nullptr;
     for (std::size_t i = listsUsed; i-- > 0;)
         if (lists[i].port == port && lists[i].source == source) {
-            if (lists[i].open && lists[i].image.size() + length <= kListBytes)
+            if (lists[i].takes(length))
                 list = &lists[i];
             break;
         }
@@ -186,28 +187,9 @@ void VelmorALSAMIDIService::State::appendMessage(MIDIPortRef port, MIDIEndpointR
         list = &lists[listsUsed++];
         list->port = port;
         list->source = source;
-        list->count = 0;
-        list->open = true;
-        list->image.assign(4, 0);
+        list->start();
     }
-    const std::size_t packets = std::max<std::size_t>(1, (length + kMaxPacketBytes - 1) / kMaxPacketBytes);
-    std::size_t at = list->image.size();
-    list->image.resize(at + packets * 10 + length);
-    std::uint8_t* out = list->image.data();
-    for (std::size_t offset = 0, i = 0; i < packets; ++i) {
-        const auto size = std::uint16_t(std::min(kMaxPacketBytes, length - offset));
-        std::memcpy(out + at, &timeStamp, 8);
-        std::memcpy(out + at + 8, &size, 2);
-        if (size)
-            std::memcpy(out + at + 10, bytes + offset, size);
-        at += 10 + size;
-        offset += size;
-    }
-    list->count += std::uint32_t(packets);
-    std::memcpy(out, &list->count, 4);
-    const std::size_t lastSize = length - (packets - 1) * kMaxPacketBytes;
-    if (endsInsideMessage(bytes + length - lastSize, lastSize))
-        list->open = false;
+    list->append(bytes, length, timeStamp);
 }
 
 // Hands the filled lists to their read procedures, in order. A connection ended meanwhile gets

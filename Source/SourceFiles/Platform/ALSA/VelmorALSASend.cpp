@@ -79,30 +79,8 @@ std::shared_ptr<const VelmorALSAMIDIService::State::SendTable> VelmorALSAMIDISer
     return result;
 }
 
-namespace {
-
-// Walks a packet-list image: calls `each(timeStamp, data, length)` for every packet.
-template <class Each>
-void forEachPacket(const MIDIPacketList* list, Each each)
-{
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(list);
-    std::uint32_t count = 0;
-    std::memcpy(&count, bytes, 4);
-    std::size_t at = 4;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        MIDITimeStamp timeStamp = 0;
-        std::uint16_t length = 0;
-        std::memcpy(&timeStamp, bytes + at, 8);
-        std::memcpy(&length, bytes + at + 8, 2);
-        each(timeStamp, bytes + at + 10, std::size_t(length));
-        at += 10 + length;
-    }
-}
-
-} // namespace
-
-// Encodes every packet with libasound's coder and sends the events from `seqPort`, to `destination` or,
-// without one, to the port's subscribers.
+// Encodes every packet (encodePackets, with a reused coder) and sends the events from `seqPort`, to
+// `destination` or, without one, to the port's subscribers.
 static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, std::optional<Address> destination,
                             const MIDIPacketList* list)
 {
@@ -120,21 +98,14 @@ static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, st
         }
     }
     OSStatus status = noErr;
-    forEachPacket(list, [&](MIDITimeStamp timeStamp, const std::uint8_t* data, std::size_t length) {
-        snd_seq_real_time_t when {};
-        const bool scheduled = state.scheduleTime(timeStamp, &when);
-        // Each packet starts afresh: no running status or half message carries over from another.
-        snd_midi_event_reset_encode(encoder);
-        std::size_t at = 0;
-        while (at < length && status == noErr) {
-            snd_seq_event_t event;
-            snd_seq_ev_clear(&event);
-            const long used = snd_midi_event_encode(encoder, data + at, long(length - at), &event);
-            if (used <= 0)
-                break;
-            at += std::size_t(used);
-            if (event.type == SND_SEQ_EVENT_NONE)
-                continue;
+    snd_seq_real_time_t when {};
+    bool scheduled = false;
+    // The boundary hands over no size: the framework rendered this image from packets it made, so its
+    // count and lengths are trusted here.
+    const bool whole = encodePackets(
+        encoder, reinterpret_cast<const std::uint8_t*>(list), std::numeric_limits<std::size_t>::max(),
+        [&](MIDITimeStamp timeStamp) { scheduled = state.scheduleTime(timeStamp, &when); },
+        [&](snd_seq_event_t& event) {
             snd_seq_ev_set_source(&event, std::uint8_t(seqPort));
             if (destination)
                 snd_seq_ev_set_dest(&event, std::uint8_t(destination->first), std::uint8_t(destination->second));
@@ -147,9 +118,12 @@ static OSStatus sendPackets(VelmorALSAMIDIService::State& state, int seqPort, st
             if (int error = state.output(event); error < 0) {
                 reportFailure("snd_seq_event_output_direct", error);
                 status = kMIDIUnknownEndpoint;
+                return false;
             }
-        }
-    });
+            return true;
+        });
+    if (!whole && status == noErr)
+        status = kMIDIParamErr;
     if (taken)
         taken->busy.store(false, std::memory_order_release);
     else
