@@ -11,6 +11,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -35,6 +36,20 @@ namespace JACK {
 // process reads them too, and the mark of our private ports, which other Velmor processes leave out.
 inline constexpr const char* kPropertyKeyPrefix = "urn:velmor:property:";
 inline constexpr const char* kPrivateKey = "urn:velmor:private";
+
+// Connects two ports. A port is announced when it is registered, but JACK connects it only once its
+// client is active, a moment later: a refusal is tried again for a short while before it counts.
+inline int connectPorts(jack_client_t* client, const char* from, const char* to)
+{
+    if (!client)
+        return -1;
+    int error = jack_connect(client, from, to);
+    for (int attempt = 0; attempt < 50 && error != 0 && error != EEXIST; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        error = jack_connect(client, from, to);
+    }
+    return error;
+}
 
 // Bytes of one JACK event that we write: longer messages (exclusive ones) go as several events, one
 // piece each, and are joined again by the receiving side.

@@ -576,7 +576,7 @@ OSStatus VelmorJACKMIDIService::portConnectSource(MIDIPortRef port, MIDIEndpoint
         state.releaseSlot(*slot);
         return kMIDIParamErr;
     }
-    const int error = state.jack() ? jack_connect(state.jack(), sourceName.c_str(), ours.c_str()) : -1;
+    const int error = JACK::connectPorts(state.jack(), sourceName.c_str(), ours.c_str());
     if (error != 0 && error != EEXIST) {
         reportFailure("jack_connect", sourceName + " -> " + ours);
         {

@@ -185,7 +185,7 @@ OSStatus VelmorJACKMIDIService::send(MIDIPortRef port, MIDIEndpointRef destinati
         if (!slot)
             return kMIDIUnknownEndpoint;
         const std::string ours = jack_port_name(state.slots[*slot].port);
-        const int error = state.jack() ? jack_connect(state.jack(), ours.c_str(), destinationName.c_str()) : -1;
+        const int error = JACK::connectPorts(state.jack(), ours.c_str(), destinationName.c_str());
         if (error != 0 && error != EEXIST) {
             std::fprintf(stderr, "VelmorJACKMIDIService: jack_connect %s -> %s failed\n", ours.c_str(),
                          destinationName.c_str());
