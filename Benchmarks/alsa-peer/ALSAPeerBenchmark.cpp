@@ -543,12 +543,19 @@ void resetReception(Mode mode, long target)
     shared->lastPieceNs.store(0);
 }
 
+// Experiment contenders that only send take no part in the receiving trials.
+bool skipUnlessReceiving(benchmark::State& state, const Contender& contender)
+{
+    if (contender.receives)
+        return false;
+    state.SkipWithError("does not receive");
+    return true;
+}
+
 void trialReceive(benchmark::State& state, Contender& contender)
 {
-    if (!contender.receives) {
-        state.SkipWithError("does not receive");
+    if (skipUnlessReceiving(state, contender))
         return;
-    }
     for (auto _ : state) {
         resetReception(Mode::Count, kReceiveCount);
         contender.startReceiving();
@@ -574,10 +581,8 @@ void trialReceive(benchmark::State& state, Contender& contender)
 
 void trialLatency(benchmark::State& state, Contender& contender)
 {
-    if (!contender.receives) {
-        state.SkipWithError("does not receive");
+    if (skipUnlessReceiving(state, contender))
         return;
-    }
     for (auto _ : state) {
         resetReception(Mode::Latency, kLatencyCount);
         reception.latencyNs.assign(std::size_t(kLatencyCount), -1);
@@ -845,12 +850,12 @@ int main(int argc, char** argv)
                                   output->sendEvent(sendEvent);
                           }});
     MIDIPortRef bareHopPort = 0, listHopPort = 0;
-    MIDIInputPortCreate(manager->client()->client(), "Peer bare hop", &bareHopReadProc, nullptr, &bareHopPort);
-    MIDIInputPortCreate(manager->client()->client(), "Peer list hop", &listHopReadProc, nullptr, &listHopPort);
     // PEER_EXPERIMENT=1 adds contenders that take the roads apart: the main-queue hop alone (the bytes
     // posted from the service thread), the hop with a packet list decoded on the main thread, and a
     // ready list sent after one clock read (what stamping an event with the time costs the sender).
     if (std::getenv("PEER_EXPERIMENT")) {
+        MIDIInputPortCreate(manager->client()->client(), "Peer bare hop", &bareHopReadProc, nullptr, &bareHopPort);
+        MIDIInputPortCreate(manager->client()->client(), "Peer list hop", &listHopReadProc, nullptr, &listHopPort);
         contenders.push_back({"X main-queue hop", [&] { MIDIPortConnectSource(bareHopPort, source->object(), nullptr); },
                               [&] { VelmorMainQueue::mainQueue().runFor(std::chrono::milliseconds(20)); MIDIPortDisconnectSource(bareHopPort, source->object()); }, serveMainQueue, {}});
         contenders.push_back({"X packet-list hop", [&] { MIDIPortConnectSource(listHopPort, source->object(), nullptr); },

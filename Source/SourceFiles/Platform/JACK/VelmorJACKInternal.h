@@ -69,6 +69,17 @@ struct RingRecord {
 };
 static_assert(sizeof(RingRecord) == 16);
 
+// Reads the header of the next record without taking it, and only when all of the record is in the
+// ring (a writer may be halfway through it). No lock, no allocation: the process callback uses it.
+inline bool peekWholeRecord(jack_ringbuffer_t* ring, RingRecord& record)
+{
+    const std::size_t available = jack_ringbuffer_read_space(ring);
+    if (available < sizeof record)
+        return false;
+    jack_ringbuffer_peek(ring, reinterpret_cast<char*>(&record), sizeof record);
+    return available >= sizeof record + record.length;
+}
+
 // One JACK port of ours that the process callback serves, by a fixed array so that the callback finds
 // them without a lock. A slot is claimed and released by other threads under State::mutex; the
 // callback sees only `state`, and a slot's port and ring are set before it turns active.

@@ -501,6 +501,16 @@ OSStatus VelmorJACKMIDIService::clientDispose(MIDIClientRef client)
     return noErr;
 }
 
+// A reference for a new port of `client`, or why there is none. Caller holds the model's mutex.
+static OSStatus newPortRef(VelmorJACKMIDIService::State& state, MIDIClientRef client, MIDIPortRef* outPort)
+{
+    if (!state.clients.count(client))
+        return state.otherRefs.count(client) || state.model.objects.count(client) ? kMIDIInvalidClient : kMIDIParamErr;
+    *outPort = state.nextRef++;
+    state.otherRefs.insert(*outPort);
+    return noErr;
+}
+
 OSStatus VelmorJACKMIDIService::inputPortCreate(MIDIClientRef client, std::string_view portName, MIDIReadProc readProc,
                                                 void* refCon, MIDIPortRef* outPort)
 {
@@ -508,10 +518,8 @@ OSStatus VelmorJACKMIDIService::inputPortCreate(MIDIClientRef client, std::strin
         return kMIDIParamErr;
     State& state = *state_;
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.clients.count(client))
-        return state.otherRefs.count(client) || state.model.objects.count(client) ? kMIDIInvalidClient : kMIDIParamErr;
-    *outPort = state.nextRef++;
-    state.otherRefs.insert(*outPort);
+    if (OSStatus status = newPortRef(state, client, outPort))
+        return status;
     auto& port = state.inputPorts[*outPort];
     port.client = client;
     port.name = portName.empty() ? "input" : std::string(portName);
@@ -526,10 +534,8 @@ OSStatus VelmorJACKMIDIService::outputPortCreate(MIDIClientRef client, std::stri
         return kMIDIParamErr;
     State& state = *state_;
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.clients.count(client))
-        return state.otherRefs.count(client) || state.model.objects.count(client) ? kMIDIInvalidClient : kMIDIParamErr;
-    *outPort = state.nextRef++;
-    state.otherRefs.insert(*outPort);
+    if (OSStatus status = newPortRef(state, client, outPort))
+        return status;
     auto& port = state.outputPorts[*outPort];
     port.client = client;
     port.name = portName.empty() ? "output" : std::string(portName);

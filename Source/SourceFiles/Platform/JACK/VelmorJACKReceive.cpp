@@ -140,12 +140,8 @@ void VelmorJACKMIDIService::State::drainInputs()
             image.clear();
             for (;;) {
                 JACK::RingRecord record {};
-                const std::size_t available = jack_ringbuffer_read_space(slot.ring);
-                if (available < sizeof record)
+                if (!JACK::peekWholeRecord(slot.ring, record))
                     break;
-                jack_ringbuffer_peek(slot.ring, reinterpret_cast<char*>(&record), sizeof record);
-                if (available < sizeof record + record.length)
-                    break;  // the rest of the record is on its way
                 jack_ringbuffer_read_advance(slot.ring, sizeof record);
                 bytes.resize(record.length);
                 jack_ringbuffer_read(slot.ring, reinterpret_cast<char*>(bytes.data()), record.length);

@@ -105,11 +105,7 @@ void VelmorJACKMIDIService::State::processOutput(Slot& slot, jack_nframes_t fram
     jack_nframes_t lastOffset = 0;
     for (;;) {
         JACK::RingRecord record {};
-        const std::size_t available = jack_ringbuffer_read_space(slot.ring);
-        if (available < sizeof record)
-            break;
-        jack_ringbuffer_peek(slot.ring, reinterpret_cast<char*>(&record), sizeof record);
-        if (available < sizeof record + record.length)
+        if (!JACK::peekWholeRecord(slot.ring, record))
             break;
         jack_nframes_t offset = 0;
         if (record.jackTime) {
